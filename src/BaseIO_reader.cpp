@@ -1,0 +1,144 @@
+#include "BaseIO.h"
+
+#include "log.h"
+#include "platform.h"
+
+#include <cerrno>
+#include <cstdlib>
+#include <new>
+
+// ---- CFastFileReader -----------------------------------------------------------------------
+
+CFastFileReader::~CFastFileReader()
+{
+    std::free(m_block);
+    CFastFileReader::Close();
+}
+
+bool CFastFileReader::Close()
+{
+    m_state = kStateClosed;
+    if (m_stream) {
+        std::fclose(m_stream);
+        m_stream = nullptr;
+    }
+    return true;
+}
+
+void CFastFileReader::Seek(std::int64_t, std::int32_t)
+{
+    FailSeek(errno);
+}
+
+void CFastFileReader::Flush()
+{
+    FailWrite(errno);
+}
+
+void CFastFileReader::Write(const void*, std::uint32_t)
+{
+    FailWrite(errno);
+}
+
+std::uint32_t CFastFileReader::Init(const wchar_t* path, std::uint32_t, std::uint32_t)
+{
+    m_stream = platform::OpenFile(path, "rb");
+    if (!m_stream)
+        return ErrorFromErrno(errno);
+    std::fseek(m_stream, 0, SEEK_END);
+    m_fileSize = static_cast<std::uint64_t>(std::int64_t{std::ftell(m_stream)});
+    std::fseek(m_stream, 0, SEEK_SET);
+    if (m_fileSize <= m_blockSize)
+        m_blockSize = static_cast<std::uint32_t>(m_fileSize);
+    m_block = static_cast<std::uint8_t*>(std::malloc(m_blockSize));
+    if (!m_block && m_blockSize != 0) {
+        const std::int32_t error = errno;
+        Close();
+        return ErrorFromErrno(error);
+    }
+    platform::ReadBytes(m_stream, m_block, m_blockSize);
+    m_blockStart = 0;
+    m_blockEnd = m_blockSize - 1;  // 32-bit: wraps for an empty file, which Read turns away
+    m_state = kStateOpen;
+    return MP4_OK;
+}
+
+void CFastFileReader::Read(void* buffer, std::uint32_t size)
+{
+    if (m_blockSize == 0)
+        FailEndOfData(errno);
+    // Kept: m_blockEnd, the last valid byte, is compared as if it were one past the end, so that
+    // the last byte of a file is never delivered; repair counts on losing the last record.
+    if (m_pos + size > m_blockEnd) {
+        if (m_blockEnd == m_fileSize)
+            FailEndOfData(errno);
+        const std::uint64_t kept = m_blockEnd - m_pos + 1;
+        std::memmove(m_block, m_block + (m_pos - m_blockStart), kept);
+        m_blockEnd += platform::ReadBytes(m_stream, m_block + kept, m_blockSize - kept);
+        m_blockStart = m_pos;
+        if (m_pos + size > m_blockEnd)
+            FailEndOfData(errno);
+    }
+    std::memcpy(buffer, m_block + (m_pos - m_blockStart), size);
+    m_pos += size;
+}
+
+// ---- CReadBufferPool -----------------------------------------------------------------------
+
+CReadBufferPool::~CReadBufferPool()
+{
+    for (RefBuffer* buffer : m_free) {
+        std::free(buffer->data);
+        delete buffer;
+        --m_total;
+    }
+    m_free.clear();
+    if (m_total != 0)
+        PrintLine("\n!!! Memory LEAK in CReadBufferPool !\n\n");
+}
+
+RefBuffer* CReadBufferPool::GetBuffer(std::uint32_t size)
+{
+    RefBuffer* buffer = nullptr;
+    if (!m_free.empty()) {
+        buffer = m_free.back();
+        m_free.pop_back();
+    } else {
+        buffer = new (std::nothrow) RefBuffer{0, this, nullptr, 0};
+        if (!buffer)
+            throw 83;
+        ++m_total;
+    }
+    if (size > buffer->capacity) {
+        void* data = std::realloc(buffer->data, size);
+        if (!data) {
+            // The buffer goes back to the pool empty, so that the pool still frees its record.
+            std::free(buffer->data);
+            buffer->data = nullptr;
+            buffer->capacity = 0;
+            m_free.push_back(buffer);
+            throw 33;
+        }
+        buffer->data = static_cast<std::uint8_t*>(data);
+        buffer->capacity = size;
+    }
+    ++buffer->refCount;
+    return buffer;
+}
+
+void CReadBufferPool::ReturnBuffer(RefBuffer* buffer)
+{
+    m_free.push_back(buffer);
+}
+
+void ReleaseBuffers(std::list<RefBuffer*>& held)
+{
+    while (!held.empty()) {
+        RefBuffer* buffer = held.back();
+        held.pop_back();
+        if (buffer->refCount == 0)
+            continue;  // below zero stays at zero
+        if (--buffer->refCount == 0)
+            buffer->sink->ReturnBuffer(buffer);
+    }
+}

@@ -32,8 +32,7 @@
  *
  * Threads
  *   Any thread may call any function. One lock for the process is held around every call on a
- *   handle, so that all open files take turns; a slow disk under one file delays the others. The
- *   repair functions do not take this lock.
+ *   handle, so that all open files take turns; a slow disk under one file delays the others.
  *
  * Exceptions
  *   In the few places where a write outside a guarded stretch fails, a kv_mp4_exception leaves the
@@ -246,7 +245,7 @@ KV_MP4_API uint32_t mp4_create_file_adv_ex(const char *path, uint8_t flags, uint
                                            ExternalIoFuncs *pFunc, mp4_handle *handle_out);
 
 /* Finishes the file and ends the handle, whatever the result. A file whose close failed keeps its
- * info file for mp4_repair_file. Errors: the status of the first failed write. */
+ * info file. Errors: the status of the first failed write. */
 KV_MP4_API uint32_t mp4_close_file(mp4_handle handle);
 
 /* ---- Tracks ------------------------------------------------------------------------------- */
@@ -340,16 +339,6 @@ KV_MP4_API uint32_t mp4_set_safe_param(mp4_handle handle, const mp4_safe_param *
  * Returns 4 when it changed the interval and 0 when it refused, the reverse of all others. */
 KV_MP4_API uint32_t mp4_repair_set_flush_interval(mp4_handle handle, uint32_t interval);
 
-/* ---- Repair ------------------------------------------------------------------------------- */
-
-/* Rebuilds the index of a file whose recording did not end, from its info file (path + ".info"),
- * without reading the media data. All logged samples but the last are kept. A non-zero `option`
- * removes the info file when the repair succeeded. The file must not be open for recording.
- * Neither takes the library's lock. Errors: NOT_FOUND without an info file or a media file, and
- * what the system answers to a read or write. */
-KV_MP4_API uint32_t mp4_repair_file(const wchar_t *path, uint8_t option);
-KV_MP4_API uint32_t mp4_repair_file_ex(const char *path, uint8_t option);
-
 /* ---- Simplified front end ----------------------------------------------------------------- */
 
 /* The same files with fixed open flags: MP4_OPEN_LARGE_FILE and MP4_OPEN_INFO_FILE. The handles
@@ -395,8 +384,7 @@ KV_MP4_API uint32_t kv_mp4_set_video(mp4_handle handle, const kv_mp4_video_info 
 KV_MP4_API uint32_t kv_mp4_set_audio(mp4_handle handle, const kv_mp4_audio_info *info);
 KV_MP4_API uint32_t kv_mp4_set_subtitle(mp4_handle handle, const kv_mp4_subtitle_info *info);
 
-/* The mp4_write_ functions, mp4_close_file, mp4_repair_file_ex and mp4_repair_file under second
- * names. */
+/* The mp4_write_ functions and mp4_close_file under second names. */
 KV_MP4_API uint32_t kv_mp4_write_video(mp4_handle handle, const uint8_t *data, uint32_t size,
                                        uint64_t timestamp);
 KV_MP4_API uint32_t kv_mp4_write_audio(mp4_handle handle, const uint8_t *data, uint32_t size,
@@ -404,8 +392,6 @@ KV_MP4_API uint32_t kv_mp4_write_audio(mp4_handle handle, const uint8_t *data, u
 KV_MP4_API uint32_t kv_mp4_write_subtitle(mp4_handle handle, const uint8_t *data, uint32_t size,
                                           uint64_t timestamp);
 KV_MP4_API uint32_t kv_mp4_close(mp4_handle handle);
-KV_MP4_API uint32_t kv_mp4_repair(const char *path, uint8_t option);
-KV_MP4_API uint32_t kv_mp4_repair_ex(const wchar_t *path, uint8_t option);
 
 #ifdef __cplusplus
 }

@@ -1,0 +1,476 @@
+// The life of a file: what create and close leave on the disk and in the log.
+#include "support/recording.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <csignal>
+#include <filesystem>
+
+#include <sys/resource.h>
+
+using namespace kvtest;
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+namespace {
+
+const std::string kStbl = "moov/trak.vide/mdia/minf/stbl/";
+
+}  // namespace
+
+TEST(AFileWithoutFrames, HasHeadMdatAndAMoovWithoutTracks)
+{
+    Recording rec;
+    const BoxFile file = rec.Close();
+    EXPECT_THAT(file.Children(""), ElementsAre("ftyp", "free", "mdat", "moov"));
+    EXPECT_EQ(file.Box("mdat"), Hex("00000008 'mdat'"));
+    EXPECT_THAT(file.Children("moov"), ElementsAre("mvhd", "udta"));
+    EXPECT_EQ(file.U32(file.Find("moov/mvhd").end - 4), 2u);  // next track id
+}
+
+TEST(AnMp4File, BeginsWithFtypFreeAndMdatAt36)
+{
+    Recording rec;
+    const BoxFile file = rec.Close();
+    EXPECT_EQ(file.Box("ftyp"),
+              Hex("0000001C 'ftyp' 'isom' 00000200 'isom' 'iso2' 'mp41'"));
+    EXPECT_EQ(file.Box("free"), Hex("00000008 'free'"));
+    EXPECT_EQ(file.Find("mdat").begin, 36u);
+}
+
+TEST(AMovFile, BeginsWithFtypAndMdatAt20)
+{
+    Recording rec("clip.mov");
+    const BoxFile file = rec.Close();
+    EXPECT_EQ(file.Box("ftyp"), Hex("00000014 'ftyp' 'qt  ' 00000200 'qt  '"));
+    EXPECT_FALSE(file.Has("free"));
+    EXPECT_EQ(file.Find("mdat").begin, 20u);
+}
+
+TEST(TheKindOfAFile, FollowsMovAnywhereInThePathAndItsCase)
+{
+    Folder folder;
+    std::filesystem::create_directory(folder / "movies");
+    const auto first = [&](const std::string& name) {
+        mp4_handle file = nullptr;
+        EXPECT_EQ(mp4_create_file_adv_ex((folder / name).c_str(), 0, 0, 0, MP4_IO_FILE, nullptr,
+                                         &file), 0u);
+        EXPECT_EQ(mp4_close_file(file), 0u);
+        return BoxFile::Read(folder / name).U32(0);
+    };
+    EXPECT_EQ(first("movies/clip.mp4"), 20u);
+    EXPECT_EQ(first("CLIP.MOV"), 28u);
+}
+
+TEST(MdatSize, IsTotalIn32BitsOrIn64BitsBehindA1)
+{
+    for (const bool large : {false, true}) {
+        Recording rec("clip.mp4", large ? MP4_OPEN_LARGE_FILE : 0);
+        rec.SetH264();
+        rec.FramesAt({0, 40});
+        const BoxFile file = rec.Close();
+        const std::size_t data = 2 * (4 + 10);
+        if (large) {
+            EXPECT_EQ(file.U32(36), 1u);
+            EXPECT_EQ(file.U64(44), 16 + data);
+            EXPECT_EQ(Words(file.Box(kStbl + "co64"), 12), (std::vector<std::uint32_t>{1, 0, 52}));
+            EXPECT_FALSE(file.Has(kStbl + "stco"));
+        } else {
+            EXPECT_EQ(file.U32(36), 8 + data);
+            EXPECT_EQ(Words(file.Box(kStbl + "stco"), 12), (std::vector<std::uint32_t>{1, 44}));
+        }
+        EXPECT_THAT(file.Complaints(), IsEmpty());
+    }
+}
+
+TEST(FastHeader, ChangesNoByteAndWritesMoovOnce)
+{
+    const auto record = [](std::uint8_t flags, std::size_t& lines) {
+        Recording rec("clip.mp4", flags);
+        rec.SetH264();
+        rec.SetAac();
+        rec.FramesAt({0, 40});
+        rec.Audio(Bytes(30, 1), 0);
+        rec.FramesAt({80});
+        const BoxFile file = rec.Close();
+        const std::size_t moov = file.Box("moov").size();
+        lines = rec.Log().Count("info moov flush finished, size:" + std::to_string(moov));
+        return file.All();
+    };
+    std::size_t plainLines = 0;
+    std::size_t fastLines = 0;
+    EXPECT_EQ(record(0, plainLines), record(MP4_OPEN_FAST_HEADER, fastLines));
+    EXPECT_EQ(plainLines, 0u);
+    EXPECT_EQ(fastLines, 1u);
+}
+
+TEST(Version1, WidensMovieVideoAndAudioHeaders)
+{
+    Recording rec("clip.mp4", MP4_OPEN_VERSION1);
+    rec.SetH264();
+    rec.SetAac();
+    rec.FramesAt({0, 40});
+    rec.Audio(Bytes(30, 1), 0);
+    const BoxFile file = rec.Close();
+    EXPECT_EQ(file.Box("moov/mvhd").size(), 120u);
+    for (const std::string track : {"moov/trak.vide", "moov/trak.soun"}) {
+        EXPECT_EQ(file.Box(track + "/tkhd").size(), 104u);
+        EXPECT_EQ(file.Box(track + "/edts/elst").size(), 36u);
+        EXPECT_EQ(file.Box(track + "/mdia/mdhd").size(), 44u);
+    }
+}
+
+TEST(TheLogOfAClose, NamesEachStepInOrder)
+{
+    Recording rec("clip.mp4", 0x04);
+    EXPECT_THAT(rec.Log().Lines(), ElementsAre("info mp4 flag is 4",
+                                               "info fast header write disabled"));
+    rec.CloseStatus();
+    auto lines = rec.Log().Lines();
+    lines.erase(lines.begin(), lines.begin() + 2);
+    ASSERT_EQ(lines.size(), 5u);
+    EXPECT_THAT(lines[0], testing::MatchesRegex("info Muxer - Close - mdat finish takes .+ ms"));
+    EXPECT_EQ(lines[1], "info moov update size finished");
+    EXPECT_THAT(lines[2], testing::MatchesRegex("info Muxer - Close - moov write takes .+ ms"));
+    EXPECT_THAT(lines[3],
+                testing::MatchesRegex("info Muxer - Close - remove info file takes .+ ms"));
+    EXPECT_THAT(lines[4], testing::MatchesRegex("info Muxer - Close - uninit takes .+ ms"));
+}
+
+TEST(AFileWithAudio, LogsTheSizeWarningOnce)
+{
+    Recording rec;
+    rec.SetAac();
+    rec.Audio(Bytes(30, 1), 0);
+    const std::size_t moov = rec.Close().Box("moov").size();
+    // 52 + 51 bytes of stsd against the constant 96: 7 more than calculated.
+    EXPECT_TRUE(rec.Log().Has("warning calc size(" + std::to_string(moov - 7) +
+                              ") not equal to moov real size:" + std::to_string(moov)));
+}
+
+// ---- Failed creates --------------------------------------------------------------------------
+
+namespace {
+
+std::uint32_t Create(const std::wstring& path, std::uint8_t flags, std::uint32_t mode,
+                     mp4_handle& handle, ExternalIoFuncs* table = nullptr)
+{
+    return mp4_create_file_adv(path.c_str(), flags, 4096, 32, mode, table, &handle);
+}
+
+}  // namespace
+
+TEST(AFailedCreate, LeavesTheHandleVariableAlone)
+{
+    Folder folder;
+    LogCapture log;
+    int mark = 0;
+    mp4_handle handle = &mark;
+    EXPECT_EQ(Create((folder / "none/a.mp4").wstring(), 0, MP4_IO_FILE, handle), 12u);
+    EXPECT_EQ(handle, &mark);
+    EXPECT_TRUE(log.Has("error open file failed, error:No such file or directory"));
+    EXPECT_TRUE(log.Has("error init CFileWriter writer failed"));
+    EXPECT_EQ(mp4_close_file(handle), 2u);
+}
+
+TEST(DirectMode, IsRefusedAndTakesTheInfoFileAlong)
+{
+    Folder folder;
+    LogCapture log;
+    mp4_handle handle = nullptr;
+    EXPECT_EQ(Create((folder / "a.mp4").wstring(), MP4_OPEN_INFO_FILE, MP4_IO_DIRECT, handle), 10u);
+    EXPECT_TRUE(log.Has("error windows platform do not support direct io"));
+    EXPECT_TRUE(folder.IsEmpty());
+}
+
+TEST(ExternalMode, NeedsATable)
+{
+    LogCapture log;
+    mp4_handle handle = nullptr;
+    EXPECT_EQ(Create(L"a.mp4", 0, MP4_IO_EXTERNAL, handle), 4u);
+    EXPECT_TRUE(log.Has("error error: pFunc should not be null when use external io mode"));
+}
+
+TEST(ExternalMode, ARefusedOpenGives4AndIsNotClosed)
+{
+    static int closes;
+    closes = 0;
+    ExternalIoFuncs table{};
+    table.open = [](void**, const wchar_t*, std::uint32_t, std::uint32_t) -> std::uint8_t {
+        return 0;
+    };
+    table.close = [](void*) { ++closes; };
+    LogCapture log;
+    mp4_handle handle = nullptr;
+    EXPECT_EQ(Create(L"a.mp4", 0, MP4_IO_EXTERNAL, handle, &table), 4u);
+    EXPECT_TRUE(log.Has("error init external writer failed"));
+    EXPECT_EQ(closes, 0);
+}
+
+TEST(AnUnknownIoMode, GivesAHandleThatAnswers19)
+{
+    Folder folder;
+    LogCapture log;
+    mp4_handle handle = nullptr;
+    ASSERT_EQ(Create((folder / "a.mp4").wstring(), 0, 3, handle), 0u);
+    const Bytes frame = Unit(0x65);
+    const mp4_video_track_info video{};
+    const mp4_audio_track_info audio{};
+    const mp4_subtitle_track_info captions{};
+    const mp4_time_code_track_info timeCode{};
+    EXPECT_EQ(mp4_write_video_frame(handle, frame.data(), 13, 0), 19u);
+    EXPECT_EQ(mp4_write_audio_frame(handle, frame.data(), 13, 0), 19u);
+    EXPECT_EQ(mp4_write_subtitle_frame(handle, frame.data(), 13, 0), 19u);
+    EXPECT_EQ(mp4_write_time_code(handle, 0), 19u);
+    EXPECT_EQ(mp4_set_video_track(handle, &video), 19u);
+    EXPECT_EQ(mp4_set_audio_track(handle, &audio), 19u);
+    EXPECT_EQ(mp4_set_subtitle_track(handle, &captions), 19u);
+    EXPECT_EQ(mp4_set_time_code_track(handle, &timeCode), 19u);
+    EXPECT_EQ(mp4_set_metadata(handle, "title", "A"), 19u);
+    EXPECT_EQ(log.Count("error file not open!"), 9u);
+    EXPECT_EQ(mp4_get_duration_ms(handle), 0u);
+    EXPECT_TRUE(log.Has("error no open file, can't get duration"));
+    EXPECT_EQ(mp4_get_moov_size(handle), 0u);
+    double rate = 0;
+    EXPECT_EQ(mp4_get_video_bitrate(handle, &rate), 0u);
+    EXPECT_EQ(rate, -1.0);
+    EXPECT_EQ(mp4_close_file(handle), 0u);
+    EXPECT_TRUE(folder.IsEmpty());
+}
+
+TEST(TheInfoPath, MayHave1024CharactersWithItsEnd)
+{
+    Folder folder;
+    const std::wstring base = (folder / "").wstring();
+    // Long paths made of "./" steps, so that every length can be opened.
+    const auto ofLength = [&base](std::size_t length) {
+        std::wstring path = base;
+        while (path.size() + 7 < length)
+            path += L"./";
+        return path + std::wstring(length - path.size() - 4, L'a') + L".mp4";
+    };
+    mp4_handle handle = nullptr;
+    EXPECT_EQ(Create(ofLength(1019), MP4_OPEN_INFO_FILE, MP4_IO_FILE, handle), 4u);
+    EXPECT_TRUE(folder.IsEmpty());
+    ASSERT_EQ(Create(ofLength(1018), MP4_OPEN_INFO_FILE, MP4_IO_FILE, handle), 0u);
+    EXPECT_EQ(mp4_close_file(handle), 0u);
+}
+
+TEST(TheInfoFile, StandsWhileRecordingAndGoesWithACleanClose)
+{
+    Recording rec("clip.mp4", MP4_OPEN_INFO_FILE | MP4_OPEN_LARGE_FILE);
+    const BoxFile info = BoxFile::Read(rec.InfoPath());
+    EXPECT_EQ(info.All(), Hex("12 00000024"));  // the flags, the position of mdat
+    EXPECT_EQ(rec.CloseStatus(), 0u);
+    EXPECT_FALSE(std::filesystem::exists(rec.InfoPath()));
+}
+
+namespace {
+
+// No file of the process may grow beyond a size; what goes further fails with EFBIG.
+class FileSizeLimit {
+public:
+    explicit FileSizeLimit(rlim_t bytes)
+    {
+        m_handler = std::signal(SIGXFSZ, SIG_IGN);
+        getrlimit(RLIMIT_FSIZE, &m_before);
+        const rlimit limit{bytes, m_before.rlim_max};
+        setrlimit(RLIMIT_FSIZE, &limit);
+    }
+    ~FileSizeLimit()
+    {
+        setrlimit(RLIMIT_FSIZE, &m_before);
+        std::signal(SIGXFSZ, m_handler);
+    }
+    FileSizeLimit(const FileSizeLimit&) = delete;
+    FileSizeLimit& operator=(const FileSizeLimit&) = delete;
+
+private:
+    rlimit m_before{};
+    void (*m_handler)(int) = nullptr;
+};
+
+}  // namespace
+
+TEST(AFullDisk, FailsTheCloseAndKeepsTheInfoFile)
+{
+    Recording rec("clip.mp4", MP4_OPEN_INFO_FILE);
+    rec.SetH264();
+    rec.FramesAt({0});
+    std::uint32_t status = 0;
+    {
+        const FileSizeLimit limit(100);
+        testing::internal::CaptureStdout();
+        status = rec.CloseStatus();
+        testing::internal::GetCapturedStdout();
+    }
+    EXPECT_EQ(status, 1u);  // EFBIG has no row
+    EXPECT_TRUE(std::filesystem::exists(rec.InfoPath()));
+}
+
+TEST(ADiskThatFillsInTheLastBuffer, FailsTheCloseToo)
+{
+    // All boxes are patched in time; only the last bytes of moov are still in the stream's buffer.
+    std::uintmax_t whole = 0;
+    for (const bool limited : {false, true}) {
+        Recording rec("clip.mp4", MP4_OPEN_INFO_FILE | MP4_OPEN_FAST_HEADER);
+        std::uint32_t status = 0;
+        testing::internal::CaptureStdout();
+        if (limited) {
+            const FileSizeLimit limit(whole - 1);
+            status = rec.CloseStatus();
+        } else {
+            status = rec.CloseStatus();
+            whole = std::filesystem::file_size(rec.Path());
+        }
+        testing::internal::GetCapturedStdout();
+        EXPECT_EQ(status, limited ? 1u : 0u);
+        EXPECT_EQ(std::filesystem::exists(rec.InfoPath()), limited);
+    }
+}
+
+// ---- A caller's own output -------------------------------------------------------------------
+
+namespace {
+
+// A memory file whose writes fail from one on.
+struct Memory {
+    Bytes bytes;
+    std::size_t position = 0;
+    std::size_t writesLeft = SIZE_MAX;
+    std::vector<std::string> calls;
+
+    static Memory& Of(void* context) { return *static_cast<Memory*>(context); }
+    static Memory* s_opened;
+    ExternalIoFuncs Table()
+    {
+        s_opened = this;
+        ExternalIoFuncs t{};
+        t.open = [](void** context, const wchar_t*, std::uint32_t, std::uint32_t) -> std::uint8_t {
+            *context = s_opened;
+            return 1;
+        };
+        t.close = [](void* c) { Of(c).calls.push_back("close"); };
+        t.tell = [](void* c) { return static_cast<std::int64_t>(Of(c).position); };
+        t.seek = [](void* c, std::int64_t offset, std::int32_t) {
+            Of(c).position = static_cast<std::size_t>(offset);
+        };
+        t.flush = [](void* c) { Of(c).calls.push_back("flush"); };
+        t.write = [](void* c, const void* data, std::uint32_t size) -> std::int32_t {
+            Memory& m = Of(c);
+            if (m.writesLeft == 0) {
+                errno = ENOSPC;
+                return 0;
+            }
+            --m.writesLeft;
+            const auto* from = static_cast<const std::uint8_t*>(data);
+            if (m.bytes.size() < m.position + size)
+                m.bytes.resize(m.position + size);
+            std::copy(from, from + size, m.bytes.begin() + static_cast<std::ptrdiff_t>(m.position));
+            m.position += size;
+            return 1;
+        };
+        return t;
+    }
+};
+Memory* Memory::s_opened = nullptr;
+
+}  // namespace
+
+TEST(AnExternalOutput, GetsTheSameBytesAndIsClosedOnceAndNeverFlushed)
+{
+    Recording local;
+    local.SetH264();
+    local.FramesAt({0, 40});
+    const Bytes expected = local.Close().All();
+
+    Memory memory;
+    ExternalIoFuncs table = memory.Table();
+    mp4_handle handle = nullptr;
+    ASSERT_EQ(Create(L"clip.mp4", 0, MP4_IO_EXTERNAL, handle, &table), 0u);
+    mp4_video_track_info info{};
+    info.timescale = 1000;
+    info.width = 160;
+    info.height = 120;
+    info.sps = Sps().data();
+    info.sps_size = static_cast<std::int16_t>(Sps().size());
+    info.pps = Pps().data();
+    info.pps_size = static_cast<std::int16_t>(Pps().size());
+    ASSERT_EQ(mp4_set_video_track(handle, &info), 0u);
+    const Bytes frame = Unit(0x65);
+    EXPECT_EQ(mp4_write_video_frame(handle, frame.data(), 13, 0), 0u);
+    EXPECT_EQ(mp4_write_video_frame(handle, frame.data(), 13, 40), 0u);
+    EXPECT_EQ(mp4_close_file(handle), 0u);
+    EXPECT_EQ(memory.bytes, expected);
+    EXPECT_THAT(memory.calls, ElementsAre("close"));
+}
+
+TEST(AFailedWriter, KeepsAnsweringWithItsFirstFailure)
+{
+    LogCapture log;
+    Memory memory;
+    ExternalIoFuncs table = memory.Table();
+    mp4_handle handle = nullptr;
+    ASSERT_EQ(Create(L"clip.mp4", 0, MP4_IO_EXTERNAL, handle, &table), 0u);
+    const mp4_audio_track_info audio{1000, 0, MP4_AUDIO_AAC_RAW, 48000, 2, 2};
+    ASSERT_EQ(mp4_set_audio_track(handle, &audio), 0u);
+    const Bytes frame(100, 1);
+    EXPECT_EQ(mp4_write_audio_frame(handle, frame.data(), 100, 0), 0u);
+    memory.writesLeft = 0;
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(mp4_write_audio_frame(handle, frame.data(), 100, 21), 16u);
+    EXPECT_EQ(mp4_write_audio_frame(handle, frame.data(), 100, 43), 16u);
+    EXPECT_EQ(mp4_set_audio_track(handle, &audio), 16u);
+    EXPECT_EQ(mp4_set_metadata(handle, "title", "A"), 16u);
+    EXPECT_EQ(mp4_get_duration_ms(handle), 0u);
+    EXPECT_EQ(mp4_close_file(handle), 16u);
+    testing::internal::GetCapturedStdout();
+    // The seeks of a close still go out, its writes do not.
+    EXPECT_EQ(log.Count("info moov update size finished"), 1u);
+    EXPECT_THAT(log.Lines(), testing::Contains(testing::EndsWith("moov real size:0")));
+    EXPECT_THAT(memory.calls, ElementsAre("close"));
+}
+
+TEST(AProResWriteThatFails, LeavesAsAnExceptionAndKeepsTheHandle)
+{
+    LogCapture log;
+    Memory memory;
+    ExternalIoFuncs table = memory.Table();
+    mp4_handle handle = nullptr;
+    ASSERT_EQ(Create(L"clip.mov", 0, MP4_IO_EXTERNAL, handle, &table), 0u);
+    mp4_video_track_info info{};
+    info.codec = MP4_VIDEO_PRORES;
+    ASSERT_EQ(mp4_set_video_track(handle, &info), 0u);
+    memory.writesLeft = 0;
+    const Bytes frame(100, 1);
+    testing::internal::CaptureStdout();
+    std::int32_t code = 0;
+    try {
+        mp4_write_video_frame(handle, frame.data(), 100, 0);
+    } catch (const kv_mp4_exception& error) {
+        code = error.code;
+    }
+    testing::internal::GetCapturedStdout();
+    EXPECT_EQ(code, ENOSPC);
+    EXPECT_EQ(mp4_write_video_frame(handle, frame.data(), 100, 0), 16u);
+    EXPECT_EQ(mp4_close_file(handle), 16u);
+}
+
+TEST(AFailedCreate, ReportsTheWriteThatFailed)
+{
+    for (std::size_t writes = 0; writes < 8; ++writes) {
+        LogCapture log;
+        Memory memory;
+        memory.writesLeft = writes;
+        ExternalIoFuncs table = memory.Table();
+        mp4_handle handle = nullptr;
+        testing::internal::CaptureStdout();
+        EXPECT_EQ(Create(L"clip.mp4", 0, MP4_IO_EXTERNAL, handle, &table), 16u) << writes;
+        testing::internal::GetCapturedStdout();
+        EXPECT_EQ(handle, nullptr);
+        EXPECT_THAT(memory.calls, ElementsAre("close"));
+    }
+}

@@ -1,0 +1,184 @@
+#include "support/recording.h"
+
+#include <gtest/gtest.h>
+#include <spdlog/sinks/base_sink.h>
+#include <spdlog/spdlog.h>
+
+#include <algorithm>
+#include <mutex>
+#include <stdexcept>
+
+#include <stdlib.h>
+
+namespace kvtest {
+
+// ---- Folder --------------------------------------------------------------------------------
+
+Folder::Folder()
+{
+    std::string name = (std::filesystem::temp_directory_path() / "kvtest.XXXXXX").string();
+    do {  // a name by chance must not choose the kind of the file
+        std::copy_n("XXXXXX", 6, name.end() - 6);
+        if (!mkdtemp(name.data()))
+            throw std::runtime_error("mkdtemp");
+    } while (name.find("mov") != std::string::npos);
+    m_path = name;
+}
+
+Folder::~Folder()
+{
+    std::error_code ignored;
+    std::filesystem::remove_all(m_path, ignored);
+}
+
+// ---- LogCapture ----------------------------------------------------------------------------
+
+struct LogCapture::State : spdlog::sinks::base_sink<std::mutex> {
+    std::vector<std::string> lines;
+
+protected:
+    void sink_it_(const spdlog::details::log_msg& line) override
+    {
+        const auto level = spdlog::level::to_string_view(line.level);
+        lines.push_back(std::string(level.begin(), level.end()) + " " +
+                        std::string(line.payload.begin(), line.payload.end()));
+    }
+    void flush_() override {}
+};
+
+LogCapture::LogCapture() : m_state(std::make_shared<State>()), m_before(spdlog::default_logger())
+{
+    spdlog::set_default_logger(std::make_shared<spdlog::logger>("kvtest", m_state));
+}
+
+LogCapture::~LogCapture()
+{
+    spdlog::set_default_logger(std::static_pointer_cast<spdlog::logger>(m_before));
+}
+
+const std::vector<std::string>& LogCapture::Lines() const
+{
+    return m_state->lines;
+}
+
+std::size_t LogCapture::Count(const std::string& line) const
+{
+    return static_cast<std::size_t>(std::count(Lines().begin(), Lines().end(), line));
+}
+
+// ---- Streams -------------------------------------------------------------------------------
+
+const Bytes& Sps()
+{
+    static const Bytes sps = Hex("67 64 00 0A AC D9 42 8D F9 E1 00 00 03 00 01 00 00 03 00 32 8F 12 25 96");
+    return sps;
+}
+
+const Bytes& Pps()
+{
+    static const Bytes pps = Hex("68 EB E3 CB 22 C0");
+    return pps;
+}
+
+Bytes Unit(std::uint8_t header, std::size_t size)
+{
+    Bytes unit(3 + size, 0xAB);
+    unit[0] = 0;
+    unit[1] = 0;
+    unit[2] = 1;
+    unit[3] = header;
+    return unit;
+}
+
+Bytes operator+(const Bytes& left, const Bytes& right)
+{
+    Bytes both = left;
+    both.insert(both.end(), right.begin(), right.end());
+    return both;
+}
+
+// ---- Recording -----------------------------------------------------------------------------
+
+Recording::Recording(const std::string& name, std::uint8_t flags) : m_name(name)
+{
+    // Not the plain create: that one replaces the logger that collects the lines.
+    const std::uint32_t status = mp4_create_file_adv_ex(Path().c_str(), flags, 4096, 32,
+                                                        MP4_IO_FILE, nullptr, &m_handle);
+    EXPECT_EQ(status, 0u);
+}
+
+Recording::~Recording()
+{
+    if (m_handle)
+        mp4_close_file(m_handle);
+}
+
+std::uint32_t Recording::SetH264(std::uint32_t timescale, std::uint64_t sampleDuration)
+{
+    mp4_video_track_info info{};
+    info.timescale = timescale;
+    info.sample_duration = sampleDuration;
+    info.codec = MP4_VIDEO_H264;
+    info.width = 160;
+    info.height = 120;
+    info.sps = Sps().data();
+    info.sps_size = static_cast<std::int16_t>(Sps().size());
+    info.pps = Pps().data();
+    info.pps_size = static_cast<std::int16_t>(Pps().size());
+    return mp4_set_video_track(m_handle, &info);
+}
+
+std::uint32_t Recording::SetProRes(std::uint32_t format)
+{
+    mp4_video_track_info info{};
+    info.codec = MP4_VIDEO_PRORES;
+    info.width = 160;
+    info.height = 120;
+    info.prores_format = format;
+    return mp4_set_video_track(m_handle, &info);
+}
+
+std::uint32_t Recording::SetAac(std::uint32_t timescale, std::uint64_t sampleDuration)
+{
+    const mp4_audio_track_info info{timescale, sampleDuration, MP4_AUDIO_AAC_RAW, 48000, 2, 2};
+    return mp4_set_audio_track(m_handle, &info);
+}
+
+std::uint32_t Recording::SetAdts(std::uint32_t timescale)
+{
+    const mp4_audio_track_info info{timescale, 0, MP4_AUDIO_AAC_ADTS, 0, 0, 0};
+    return mp4_set_audio_track(m_handle, &info);
+}
+
+std::uint32_t Recording::Video(const Bytes& frame, std::uint64_t time)
+{
+    return mp4_write_video_frame(m_handle, frame.data(), static_cast<std::uint32_t>(frame.size()),
+                                 time);
+}
+
+std::uint32_t Recording::Audio(const Bytes& frame, std::uint64_t time)
+{
+    return mp4_write_audio_frame(m_handle, frame.data(), static_cast<std::uint32_t>(frame.size()),
+                                 time);
+}
+
+void Recording::FramesAt(std::initializer_list<std::uint64_t> times)
+{
+    for (const std::uint64_t time : times)
+        EXPECT_EQ(Video(Unit(0x65), time), 0u);
+}
+
+std::uint32_t Recording::CloseStatus()
+{
+    const mp4_handle handle = m_handle;
+    m_handle = nullptr;
+    return mp4_close_file(handle);
+}
+
+BoxFile Recording::Close()
+{
+    EXPECT_EQ(CloseStatus(), 0u);
+    return BoxFile::Read(Path());
+}
+
+}  // namespace kvtest

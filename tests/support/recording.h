@@ -1,0 +1,87 @@
+// A recording through the public header alone, in a folder of its own that goes with it; its log
+// lines are collected.
+#pragma once
+
+#include "support/boxes.h"
+
+#include <kv_mp4.h>
+
+#include <filesystem>
+#include <memory>
+#include <initializer_list>
+#include <string>
+#include <vector>
+
+namespace kvtest {
+
+// A folder that goes with its object. Its name never holds "mov".
+class Folder {
+public:
+    Folder();
+    ~Folder();
+    Folder(const Folder&) = delete;
+    Folder& operator=(const Folder&) = delete;
+    std::filesystem::path operator/(const std::string& name) const { return m_path / name; }
+    bool IsEmpty() const { return std::filesystem::is_empty(m_path); }
+
+private:
+    std::filesystem::path m_path;
+};
+
+// Replaces spdlog's default logger by one that keeps "level message" lines.
+class LogCapture {
+public:
+    LogCapture();
+    ~LogCapture();
+    LogCapture(const LogCapture&) = delete;
+    LogCapture& operator=(const LogCapture&) = delete;
+    const std::vector<std::string>& Lines() const;
+    std::size_t Count(const std::string& line) const;
+    bool Has(const std::string& line) const { return Count(line) != 0; }
+
+private:
+    struct State;
+    std::shared_ptr<State> m_state;
+    std::shared_ptr<void> m_before;
+};
+
+// Real parameter sets of small streams: High profile H.264 160x120, and made-up HEVC ones.
+const Bytes& Sps();
+const Bytes& Pps();
+
+// An Annex B frame of one unit: start code, header byte, then `size` - 1 filler bytes.
+Bytes Unit(std::uint8_t header, std::size_t size = 10);
+Bytes operator+(const Bytes& left, const Bytes& right);
+
+class Recording {
+public:
+    explicit Recording(const std::string& name = "clip.mp4", std::uint8_t flags = 0);
+    ~Recording();
+    Recording(const Recording&) = delete;
+    Recording& operator=(const Recording&) = delete;
+
+    mp4_handle Handle() const { return m_handle; }
+    std::filesystem::path Path() const { return m_folder / m_name; }
+    std::filesystem::path InfoPath() const { return m_folder / (m_name + ".info"); }
+    LogCapture& Log() { return m_log; }
+
+    std::uint32_t SetH264(std::uint32_t timescale = 1000, std::uint64_t sampleDuration = 0);
+    std::uint32_t SetProRes(std::uint32_t format);
+    std::uint32_t SetAac(std::uint32_t timescale = 1000, std::uint64_t sampleDuration = 0);
+    std::uint32_t SetAdts(std::uint32_t timescale = 1000);
+    std::uint32_t Video(const Bytes& frame, std::uint64_t time);
+    std::uint32_t Audio(const Bytes& frame, std::uint64_t time);
+    // IDR frames of one 10-byte unit.
+    void FramesAt(std::initializer_list<std::uint64_t> times);
+
+    std::uint32_t CloseStatus();
+    BoxFile Close();  // expects status 0
+
+private:
+    Folder m_folder;
+    std::string m_name;
+    LogCapture m_log;
+    mp4_handle m_handle = nullptr;
+};
+
+}  // namespace kvtest

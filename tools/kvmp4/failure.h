@@ -1,0 +1,24 @@
+// What ends a run: one sentence for standard error and an exit code that tells the kinds apart.
+#pragma once
+
+#include <stdexcept>
+#include <string>
+
+enum ExitCode {
+    kExitOk = 0,
+    kExitOther = 1,
+    kExitUsage = 2,
+    kExitInput = 3,   // the input cannot be opened or read
+    kExitStream = 4,  // no usable stream, or a codec that cannot be recorded
+    kExitOutput = 5,  // the output cannot be created
+    kExitWrite = 6,   // a write failed: disk full and the like
+};
+
+class Failure : public std::runtime_error {
+public:
+    Failure(ExitCode exitCode, const std::string& sentence)
+        : std::runtime_error(sentence), code(exitCode)
+    {
+    }
+    ExitCode code;
+};

@@ -1,0 +1,425 @@
+#include "input.h"
+
+#include "failure.h"
+
+#include <kv_mp4.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cmath>
+#include <cstdlib>
+
+extern "C" {
+#include <libavdevice/avdevice.h>
+#include <libavutil/avutil.h>
+}
+
+std::atomic<bool> g_stop{false};
+
+namespace {
+
+constexpr std::size_t kQueueFrames = 4096;
+constexpr std::size_t kQueueBytes = 64u << 20;
+constexpr auto kMoment = std::chrono::milliseconds(100);
+constexpr std::int64_t kAacFrame = 1024;  // samples
+
+std::string ErrorText(int error)
+{
+    char text[AV_ERROR_MAX_STRING_SIZE] = {};
+    av_strerror(error, text, sizeof text);
+    return text;
+}
+
+// NAL units of an Annex B extradata.
+template <typename Use>
+void ForEachUnit(const std::uint8_t* data, std::size_t size, Use use)
+{
+    std::vector<std::size_t> starts;
+    for (std::size_t i = 0; i + 3 <= size; ++i)
+        if (data[i] == 0 && data[i + 1] == 0 && data[i + 2] == 1)
+            starts.push_back(i);
+    for (std::size_t n = 0; n < starts.size(); ++n) {
+        const std::size_t begin = starts[n] + 3;
+        std::size_t end = n + 1 < starts.size() ? starts[n + 1] : size;
+        while (end > begin && data[end - 1] == 0)
+            --end;  // a unit never ends with a zero byte
+        if (end > begin)
+            use(data + begin, end - begin);
+    }
+}
+
+// Bits of an AudioSpecificConfig.
+class Bits {
+public:
+    Bits(const std::uint8_t* data, int size) : m_data(data), m_bits(size * 8) {}
+    unsigned Read(int count)
+    {
+        unsigned value = 0;
+        for (; count > 0; --count, ++m_at)
+            value = value << 1 | (m_at < m_bits ? m_data[m_at / 8] >> (7 - m_at % 8) & 1u : 0u);
+        return value;
+    }
+
+private:
+    const std::uint8_t* m_data;
+    int m_bits;
+    int m_at = 0;
+};
+
+}  // namespace
+
+struct Input::Stream {
+    int index = 0;
+    bool isVideo = false;
+    AVStream* stream = nullptr;
+    AVBSFContext* filter = nullptr;
+    AVRational timeBase{};       // of packets behind the filter
+    std::uint32_t timescale = 0;
+    bool counted = false;        // times come from counting
+    std::int64_t ticksPerFrame = 0;
+    std::int64_t next = 0;       // the time that counting expects
+    bool first = true;
+    std::int64_t reorderDelay = 0;  // ticks between the two times of the first picture
+    std::optional<std::int64_t> last;
+    std::int64_t originTicks = 0;
+
+    ~Stream() { av_bsf_free(&filter); }
+};
+
+Input::Input(InputOptions options) : m_options(std::move(options)), m_thread([this] { Run(); }) {}
+
+Input::~Input()
+{
+    m_leave = true;
+    m_changed.notify_all();
+    m_thread.join();
+    m_streams.clear();
+    avformat_close_input(&m_context);
+}
+
+void Input::Run()
+{
+    try {
+        Open();
+        Choose();
+        {
+            const std::lock_guard hold(m_mutex);
+            m_open = true;
+        }
+        m_changed.notify_all();
+        Read();
+    } catch (...) {
+        const std::lock_guard hold(m_mutex);
+        m_failure = std::current_exception();
+    }
+    {
+        const std::lock_guard hold(m_mutex);
+        m_ended = true;
+    }
+    m_changed.notify_all();
+}
+
+void Input::Open()
+{
+    const AVInputFormat* format = nullptr;
+    if (!m_options.format.empty()) {
+        format = av_find_input_format(m_options.format.c_str());
+        if (!format)
+            throw Failure(kExitUsage, "there is no input format \"" + m_options.format + "\"");
+    }
+    m_context = avformat_alloc_context();
+    m_context->interrupt_callback = {
+        [](void* self) -> int { return g_stop || static_cast<Input*>(self)->m_leave; }, this};
+    int error = avformat_open_input(&m_context, m_options.url.c_str(), format, nullptr);
+    if (error < 0)
+        throw Failure(kExitInput, "cannot open " + m_options.url + ": " + ErrorText(error));
+    error = avformat_find_stream_info(m_context, nullptr);
+    if (error < 0)
+        throw Failure(kExitInput, "cannot read " + m_options.url + ": " + ErrorText(error));
+}
+
+void Input::Choose()
+{
+    const auto pick = [this](const std::string& wish, AVMediaType type) {
+        if (wish == "none")
+            return -1;
+        if (wish == "auto")
+            return av_find_best_stream(m_context, type, -1, -1, nullptr, 0);
+        char* end = nullptr;
+        const long index = std::strtol(wish.c_str(), &end, 10);
+        if (*end != '\0' || index < 0 || index >= static_cast<long>(m_context->nb_streams) ||
+            m_context->streams[index]->codecpar->codec_type != type)
+            throw Failure(kExitStream, m_options.url + " has no such " +
+                                           av_get_media_type_string(type) + " stream: " + wish);
+        return static_cast<int>(index);
+    };
+    const int video = pick(m_options.video, AVMEDIA_TYPE_VIDEO);
+    const int audio = pick(m_options.audio, AVMEDIA_TYPE_AUDIO);
+    if (video >= 0)
+        AddVideo(video);
+    if (audio >= 0)
+        AddAudio(audio);
+    if (m_streams.empty())
+        throw Failure(kExitStream, m_options.url + " has no video or audio stream to record");
+}
+
+void Input::AddVideo(int index)
+{
+    AVStream* const stream = m_context->streams[index];
+    const AVCodecParameters* par = stream->codecpar;
+    TrackInfo track;
+    track.isVideo = true;
+    track.name = avcodec_get_name(par->codec_id);
+    track.width = static_cast<std::uint16_t>(par->width);
+    track.height = static_cast<std::uint16_t>(par->height);
+    const char* filterName = nullptr;
+    switch (par->codec_id) {
+    case AV_CODEC_ID_H264:
+        track.codec = MP4_VIDEO_H264;
+        filterName = "h264_mp4toannexb";
+        break;
+    case AV_CODEC_ID_HEVC:
+        track.codec = MP4_VIDEO_HEVC;
+        filterName = "hevc_mp4toannexb";
+        break;
+    case AV_CODEC_ID_PRORES: {
+        static constexpr std::uint32_t kTags[] = {
+            MKTAG('a', 'p', 'c', 'o'), MKTAG('a', 'p', 'c', 's'), MKTAG('a', 'p', 'c', 'n'),
+            MKTAG('a', 'p', 'c', 'h'), MKTAG('a', 'p', '4', 'h'), MKTAG('a', 'p', '4', 'x')};
+        const auto* tag = std::find(std::begin(kTags), std::end(kTags), par->codec_tag);
+        if (tag == std::end(kTags))
+            throw Failure(kExitStream, m_options.url + " holds an unknown kind of ProRes");
+        track.codec = MP4_VIDEO_PRORES;
+        track.proResFormat = static_cast<std::uint32_t>(tag - kTags);
+        break;
+    }
+    default:
+        throw Failure(kExitStream, "the video of " + m_options.url + " is " + track.name +
+                                       "; only H.264, HEVC and ProRes can be recorded");
+    }
+
+    auto entry = std::make_unique<Stream>();
+    entry->index = index;
+    entry->isVideo = true;
+    entry->stream = stream;
+    entry->timeBase = stream->time_base;
+    if (filterName) {
+        const AVBitStreamFilter* filter = av_bsf_get_by_name(filterName);
+        if (!filter || av_bsf_alloc(filter, &entry->filter) < 0 ||
+            avcodec_parameters_copy(entry->filter->par_in, par) < 0)
+            throw Failure(kExitOther, std::string("no filter ") + filterName);
+        entry->filter->time_base_in = stream->time_base;
+        if (const int error = av_bsf_init(entry->filter); error < 0)
+            throw Failure(kExitStream, "the video of " + m_options.url +
+                                           " cannot be converted: " + ErrorText(error));
+        entry->timeBase = entry->filter->time_base_out;
+        const AVCodecParameters* out = entry->filter->par_out;
+        const bool hevc = par->codec_id == AV_CODEC_ID_HEVC;
+        if (out->extradata_size > 0)
+            ForEachUnit(out->extradata, static_cast<std::size_t>(out->extradata_size),
+                        [&](const std::uint8_t* unit, std::size_t size) {
+                            const int type = hevc ? unit[0] >> 1 & 63 : unit[0] & 31;
+                            auto* set = type == (hevc ? 33 : 7)   ? &track.sps
+                                        : type == (hevc ? 34 : 8) ? &track.pps
+                                        : hevc && type == 32      ? &track.vps
+                                                                  : nullptr;
+                            if (set && set->empty() && size < 32768)
+                                set->assign(unit, unit + size);
+                        });
+    }
+
+    // Streams without times of their own are counted at a constant rate.
+    AVRational rate = m_options.fps.num > 0 ? m_options.fps
+                                            : av_guess_frame_rate(m_context, stream, nullptr);
+    if (rate.num <= 0 || rate.den <= 0)
+        rate = {25, 1};
+    entry->counted = (m_context->iformat->flags & AVFMT_NOTIMESTAMPS) != 0;
+    if (entry->counted || entry->timeBase.num <= 0 || entry->timeBase.den <= 0)
+        entry->timescale = static_cast<std::uint32_t>(rate.num);
+    else
+        entry->timescale = static_cast<std::uint32_t>(entry->timeBase.den);
+    entry->ticksPerFrame =
+        std::max<std::int64_t>(1, av_rescale_q(1, AVRational{rate.den, rate.num},
+                                               {1, static_cast<int>(entry->timescale)}));
+    track.timescale = entry->timescale;
+    track.sampleDuration = static_cast<std::uint32_t>(entry->ticksPerFrame);
+    m_tracks.push_back(std::move(track));
+    m_streams.push_back(std::move(entry));
+}
+
+void Input::AddAudio(int index)
+{
+    AVStream* const stream = m_context->streams[index];
+    const AVCodecParameters* par = stream->codecpar;
+    TrackInfo track;
+    track.name = avcodec_get_name(par->codec_id);
+    if (par->codec_id != AV_CODEC_ID_AAC)
+        throw Failure(kExitStream, "the audio of " + m_options.url + " is " + track.name +
+                                       "; only AAC can be recorded (--audio none leaves it out)");
+    std::uint32_t rate = static_cast<std::uint32_t>(par->sample_rate);
+    if (par->extradata_size >= 2) {
+        static constexpr std::uint32_t kRates[] = {96000, 88200, 64000, 48000, 44100, 32000, 24000,
+                                                   22050, 16000, 12000, 11025, 8000,  7350};
+        Bits bits(par->extradata, par->extradata_size);
+        unsigned type = bits.Read(5);
+        if (type == 31)
+            type = 32 + bits.Read(6);
+        const unsigned rateIndex = bits.Read(4);
+        rate = rateIndex == 15 ? bits.Read(24) : rateIndex < 13 ? kRates[rateIndex] : rate;
+        const unsigned layout = bits.Read(4);
+        // SBR and PS are signalled implicitly: the entry describes the AAC LC core.
+        track.objectType = static_cast<std::uint8_t>(type == 5 || type == 29 ? 2 : type);
+        if (type > 31 && type != 5)
+            throw Failure(kExitStream, "the AAC of " + m_options.url + " has object type " +
+                                           std::to_string(type) + ", which cannot be recorded");
+        track.codec = MP4_AUDIO_AAC_RAW;
+        track.channels = static_cast<std::uint16_t>(
+            layout != 0 ? layout : static_cast<unsigned>(par->ch_layout.nb_channels));
+    } else {
+        track.codec = MP4_AUDIO_AAC_ADTS;
+    }
+    if (rate == 0 || rate > 65535)
+        throw Failure(kExitStream, "the audio of " + m_options.url + " runs at " +
+                                       std::to_string(rate) + " Hz; at most 65535 fit the file");
+    track.sampleRate = static_cast<std::uint16_t>(rate);
+    track.timescale = rate;
+    track.sampleDuration = kAacFrame;
+
+    auto entry = std::make_unique<Stream>();
+    entry->index = index;
+    entry->stream = stream;
+    entry->timeBase = stream->time_base;
+    entry->timescale = rate;
+    entry->ticksPerFrame = kAacFrame;
+    m_tracks.push_back(std::move(track));
+    m_streams.push_back(std::move(entry));
+}
+
+void Input::Read()
+{
+    AVPacket* packet = av_packet_alloc();
+    const std::unique_ptr<AVPacket, void (*)(AVPacket*)> owner(
+        packet, [](AVPacket* p) { av_packet_free(&p); });
+    int error = 0;
+    while (!g_stop && !m_leave && (error = av_read_frame(m_context, packet)) >= 0) {
+        for (const auto& stream : m_streams) {
+            if (stream->index != packet->stream_index)
+                continue;
+            if (!stream->filter) {
+                Deliver(*stream, packet);
+                continue;
+            }
+            if ((error = av_bsf_send_packet(stream->filter, packet)) < 0)
+                continue;  // a broken packet; the next may be whole
+            while (av_bsf_receive_packet(stream->filter, packet) >= 0) {
+                Deliver(*stream, packet);
+                av_packet_unref(packet);
+            }
+        }
+        av_packet_unref(packet);
+    }
+    if (error < 0 && error != AVERROR_EOF && error != AVERROR_EXIT && !g_stop) {
+        const std::lock_guard hold(m_mutex);
+        m_trouble = "reading " + m_options.url + " ended early: " + ErrorText(error);
+    }
+}
+
+void Input::Deliver(Stream& stream, AVPacket* packet)
+{
+    const AVRational ticks{1, static_cast<int>(stream.timescale)};
+    // The one time of the library is the decoding time, which rises with every picture; it is moved
+    // so that the first picture keeps its presentation time.
+    std::int64_t stamp = packet->dts != AV_NOPTS_VALUE ? packet->dts : packet->pts;
+    if (stream.isVideo && packet->pts != AV_NOPTS_VALUE && packet->dts != AV_NOPTS_VALUE) {
+        if (stream.first)
+            stream.reorderDelay = packet->pts - packet->dts;
+        if (packet->pts - packet->dts != stream.reorderDelay)
+            m_reordered = true;
+        stamp += stream.reorderDelay;
+    }
+    std::int64_t time = stream.next;
+    if (!stream.counted && stamp != AV_NOPTS_VALUE) {
+        const std::int64_t scaled = av_rescale_q(stamp, stream.timeBase, ticks);
+        if (!m_origin)
+            m_origin = static_cast<double>(scaled) / stream.timescale;
+        if (stream.first)
+            stream.originTicks = std::llround(*m_origin * stream.timescale);
+        time = scaled - stream.originTicks;
+        // A coarse time base makes AAC frames seem uneven; within its step the count is exact.
+        const std::int64_t step = av_rescale_q_rnd(1, stream.timeBase, ticks, AV_ROUND_UP);
+        if (!stream.isVideo && !stream.first && std::llabs(time - stream.next) <= step)
+            time = stream.next;
+    }
+    if (time < 0)
+        time = 0;  // a stream that begins before the first one
+    if (stream.last && time <= *stream.last && stream.isVideo)
+        time = *stream.last + 1;  // the tables take rising times only
+    stream.first = false;
+    stream.last = time;
+    stream.next = time + stream.ticksPerFrame;
+
+    Frame frame;
+    frame.isVideo = stream.isVideo;
+    frame.time = time;
+    frame.seconds = static_cast<double>(time) / stream.timescale;
+    frame.data.assign(packet->data, packet->data + packet->size);
+
+    std::unique_lock hold(m_mutex);
+    while ((m_queue.size() >= kQueueFrames || m_queuedBytes >= kQueueBytes) && !m_leave && !g_stop)
+        m_changed.wait_for(hold, kMoment);
+    m_queuedBytes += frame.data.size();
+    m_queue.push_back(std::move(frame));
+    hold.unlock();
+    m_changed.notify_all();
+}
+
+void Input::WaitUntilOpen()
+{
+    std::unique_lock hold(m_mutex);
+    while (!m_open && !m_failure && !m_ended && !g_stop)
+        m_changed.wait_for(hold, kMoment);
+    if (m_failure && !m_open)
+        std::rethrow_exception(m_failure);
+}
+
+Input::Head Input::Look(double* seconds)
+{
+    const std::lock_guard hold(m_mutex);
+    if (m_queue.empty())
+        return m_ended || g_stop ? Head::kEnd : Head::kWaiting;
+    *seconds = m_queue.front().seconds;
+    return m_queue.size() >= kQueueFrames || m_queuedBytes >= kQueueBytes ? Head::kFull
+                                                                         : Head::kFrame;
+}
+
+Frame Input::Take()
+{
+    Frame frame;
+    {
+        const std::lock_guard hold(m_mutex);
+        frame = std::move(m_queue.front());
+        m_queue.pop_front();
+        m_queuedBytes -= frame.data.size();
+    }
+    m_changed.notify_all();
+    return frame;
+}
+
+void Input::WaitForMore()
+{
+    std::unique_lock hold(m_mutex);
+    if (m_queue.empty() && !m_ended)
+        m_changed.wait_for(hold, kMoment);
+}
+
+std::string Input::Trouble()
+{
+    const std::lock_guard hold(m_mutex);
+    return m_trouble;
+}
+
+bool Input::Ended()
+{
+    const std::lock_guard hold(m_mutex);
+    return m_ended;
+}

@@ -1,0 +1,317 @@
+#include "record.h"
+
+#include "failure.h"
+
+#include <kv_mp4.h>
+
+#include <fmt/core.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstdlib>
+#include <filesystem>
+#include <memory>
+#include <thread>
+
+#include <unistd.h>
+
+extern "C" {
+#include <libavutil/parseutils.h>
+}
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+const char* StatusText(std::uint32_t status)
+{
+    switch (status) {
+    case MP4_ERR_PERMISSION: return "operation not permitted";
+    case MP4_ERR_NOT_FOUND: return "no such file or folder";
+    case MP4_ERR_ACCESS: return "permission denied";
+    case MP4_ERR_BUSY: return "it is in use";
+    case MP4_ERR_TOO_MANY_FILES: return "too many open files";
+    case MP4_ERR_DISK_FULL: return "no space left on the disk";
+    case MP4_ERR_READ_ONLY: return "the file system is read-only";
+    case MP4_ERR_INVALID_PARAM: return "a value is not valid";
+    default: return "the system reports an error";
+    }
+}
+
+// One line on a terminal, several times a second; nothing elsewhere.
+class Progress {
+public:
+    explicit Progress(bool shown) : m_shown(shown) {}
+    ~Progress() { Clear(); }
+    Progress(const Progress&) = delete;
+    Progress& operator=(const Progress&) = delete;
+
+    void Update(std::uint64_t frames, double seconds, std::uint64_t bytes)
+    {
+        const auto now = Clock::now();
+        if (!m_shown || now - m_last < std::chrono::milliseconds(200))
+            return;
+        m_last = now;
+        const double wall = std::chrono::duration<double>(now - m_start).count();
+        fmt::print(stderr, "\r\033[K{} frames  {:.1f} s  {:.1f} MiB  {:.1f} Mb/s  x{:.1f}", frames,
+                   seconds, static_cast<double>(bytes) / 1048576.0,
+                   seconds > 0 ? static_cast<double>(bytes) * 8e-6 / seconds : 0.0,
+                   wall > 0 ? seconds / wall : 0.0);
+        m_drawn = true;
+    }
+    void Clear()
+    {
+        if (m_drawn)
+            fmt::print(stderr, "\r\033[K");
+        m_drawn = false;
+    }
+
+private:
+    const bool m_shown;
+    bool m_drawn = false;
+    const Clock::time_point m_start = Clock::now();
+    Clock::time_point m_last{};
+};
+
+// The open output. Closes in any case, so that whatever was recorded plays.
+class Output {
+public:
+    explicit Output(const RecordOptions& options) : m_path(options.output)
+    {
+        const std::uint8_t flags =
+            static_cast<std::uint8_t>((options.largeFile ? MP4_OPEN_LARGE_FILE : 0) |
+                                      (options.fastHeader ? MP4_OPEN_FAST_HEADER : 0) |
+                                      (options.version1 ? MP4_OPEN_VERSION1 : 0));
+        if (m_path.size() > 1000)
+            throw Failure(kExitOutput, "the path of the output is too long");
+        const std::uint32_t status = mp4_create_file_adv_ex(
+            m_path.c_str(), flags, 4096, 32, MP4_IO_FILE, nullptr, &m_file);
+        if (status != MP4_OK || !m_file)
+            throw Failure(kExitOutput,
+                          "cannot create " + m_path + ": " + StatusText(status));
+    }
+    ~Output()
+    {
+        if (m_file)
+            mp4_close_file(m_file);
+    }
+    Output(const Output&) = delete;
+    Output& operator=(const Output&) = delete;
+
+    void Announce(const TrackInfo& track)
+    {
+        std::uint32_t status = 0;
+        if (track.isVideo) {
+            mp4_video_track_info info{};
+            info.timescale = track.timescale;
+            info.sample_duration = track.sampleDuration;
+            info.codec = track.codec;
+            info.width = track.width;
+            info.height = track.height;
+            if (track.codec == MP4_VIDEO_PRORES) {
+                info.prores_format = track.proResFormat;
+            } else {
+                info.sps = track.sps.data();
+                info.sps_size = static_cast<std::int16_t>(track.sps.size());
+                info.pps = track.pps.data();
+                info.pps_size = static_cast<std::int16_t>(track.pps.size());
+                info.vps = track.vps.data();
+                info.vps_size = static_cast<std::int16_t>(track.vps.size());
+            }
+            status = mp4_set_video_track(m_file, &info);
+        } else {
+            mp4_audio_track_info info{};
+            info.timescale = track.timescale;
+            info.sample_duration = track.sampleDuration;
+            info.codec = track.codec;
+            info.sample_rate = track.sampleRate;
+            info.channels = track.channels;
+            info.object_type = track.objectType;
+            status = mp4_set_audio_track(m_file, &info);
+        }
+        if (status != MP4_OK)
+            throw Failure(status == MP4_ERR_INVALID_PARAM ? kExitStream : kExitWrite,
+                          "the " + track.name + " track cannot be set up: " + StatusText(status));
+    }
+
+    void SetMetadata(const std::string& item)
+    {
+        const std::size_t equals = item.find('=');
+        const std::string key = item.substr(0, equals);
+        if (mp4_set_metadata(m_file, key.c_str(), item.c_str() + equals + 1) != MP4_OK)
+            throw Failure(kExitUsage, "\"" + key + "\" is no metadata key (see --help)");
+    }
+
+    void Write(const Frame& frame)
+    {
+        std::uint32_t status = 0;
+        try {
+            const auto size = static_cast<std::uint32_t>(frame.data.size());
+            const auto time = static_cast<std::uint64_t>(frame.time);
+            status = frame.isVideo
+                         ? mp4_write_video_frame(m_file, frame.data.data(), size, time)
+                         : mp4_write_audio_frame(m_file, frame.data.data(), size, time);
+        } catch (const kv_mp4_exception& error) {
+            throw Failure(kExitWrite, "writing " + m_path + " failed: " +
+                                          std::generic_category().message(error.code));
+        }
+        if (status == MP4_ERR_PARSE_VIDEO || status == MP4_ERR_INVALID_ADTS)
+            ++m_broken;
+        else if (status != MP4_OK)
+            throw Failure(kExitWrite, "writing " + m_path + " failed: " + StatusText(status));
+    }
+
+    void Close()
+    {
+        const mp4_handle file = m_file;
+        m_file = nullptr;
+        const std::uint32_t status = mp4_close_file(file);
+        if (status != MP4_OK)
+            throw Failure(kExitWrite, "finishing " + m_path + " failed: " + StatusText(status));
+    }
+
+    std::uint64_t Broken() const { return m_broken; }
+
+private:
+    const std::string m_path;
+    mp4_handle m_file = nullptr;
+    std::uint64_t m_broken = 0;  // frames that the library could not read
+};
+
+void Warn(const std::string& sentence)
+{
+    fmt::print(stderr, "kvmp4: {}\n", sentence);
+}
+
+// The input whose next frame comes first; null at the end. Waits for an input without a frame,
+// unless another is full: its writer may be the one that feeds both.
+Input* Next(const std::vector<std::unique_ptr<Input>>& inputs)
+{
+    while (true) {
+        Input* best = nullptr;
+        Input* waiting = nullptr;
+        bool full = false;
+        double bestTime = 0;
+        for (const auto& input : inputs) {
+            double seconds = 0;
+            const Input::Head head = input->Look(&seconds);
+            if (head == Input::Head::kWaiting)
+                waiting = input.get();
+            if (head != Input::Head::kFrame && head != Input::Head::kFull)
+                continue;
+            full |= head == Input::Head::kFull;
+            if (!best || seconds < bestTime) {
+                best = input.get();
+                bestTime = seconds;
+            }
+        }
+        if (!waiting || (best && full))
+            return best;
+        waiting->WaitForMore();
+    }
+}
+
+void CheckOptions(const RecordOptions& options, AVRational& fps)
+{
+    if (!options.fps.empty() &&
+        (av_parse_video_rate(&fps, options.fps.c_str()) < 0 || fps.num <= 0))
+        throw Failure(kExitUsage, "\"" + options.fps + "\" is no frame rate");
+    for (const std::string& item : options.metadata)
+        if (item.find('=') == std::string::npos || item.front() == '=')
+            throw Failure(kExitUsage, "metadata is given as key=value, not \"" + item + "\"");
+    std::error_code ignored;
+    for (const std::string& input : options.inputs)
+        if (std::filesystem::equivalent(input, options.output, ignored))
+            throw Failure(kExitUsage, "the output is the input itself: " + input);
+    if (!options.overwrite && std::filesystem::is_regular_file(options.output, ignored))
+        throw Failure(kExitOutput, options.output + " exists already (-y overwrites it)");
+    const std::string extension = std::filesystem::path(options.output).extension();
+    const bool quickTime = options.output.find("mov") != std::string::npos;
+    if (quickTime && extension == ".mp4")
+        Warn("the path contains \"mov\", so that this becomes a QuickTime file");
+    if (!quickTime && extension == ".MOV")
+        Warn("only a lower-case \"mov\" makes a QuickTime file; this becomes an MP4 file");
+}
+
+}  // namespace
+
+void Record(const RecordOptions& options)
+{
+    AVRational fps{0, 1};
+    CheckOptions(options, fps);
+
+    // 1. All inputs open side by side: FIFOs may be fed in any order.
+    std::vector<std::unique_ptr<Input>> inputs;
+    for (const std::string& url : options.inputs)
+        inputs.push_back(std::make_unique<Input>(
+            InputOptions{url, options.format, options.video, options.audio, fps}));
+    std::vector<const TrackInfo*> tracks;
+    for (const auto& input : inputs) {
+        input->WaitUntilOpen();
+        if (g_stop) {
+            // A reader may be blocked in an open that nothing ends; there is no output yet.
+            Warn("stopped before the recording began");
+            std::_Exit(kExitOther);
+        }
+        for (const TrackInfo& track : input->Tracks()) {
+            for (const TrackInfo* other : tracks)
+                if (other->isVideo == track.isVideo)
+                    throw Failure(kExitStream, "both inputs hold the same kind of stream; choose "
+                                               "with --video or --audio");
+            tracks.push_back(&track);
+        }
+    }
+
+    // 2. The output, only now: a failing input leaves no file.
+    Output output(options);
+    for (const TrackInfo* track : tracks)
+        output.Announce(*track);
+    for (const std::string& item : options.metadata)
+        output.SetMetadata(item);
+
+    // 3. Frames, by time.
+    Progress progress(isatty(STDERR_FILENO) && !options.verbose);
+    const auto start = Clock::now();
+    std::uint64_t frames = 0;
+    std::uint64_t bytes = 0;
+    double seconds = 0;
+    bool warned = false;
+    while (!g_stop) {
+        Input* const input = Next(inputs);
+        if (!input)
+            break;
+        const Frame frame = input->Take();
+        if (options.duration > 0 && frame.seconds >= options.duration)
+            break;
+        if (options.realtime) {
+            const auto due = start + std::chrono::duration_cast<Clock::duration>(
+                                         std::chrono::duration<double>(frame.seconds));
+            while (Clock::now() < due && !g_stop)
+                std::this_thread::sleep_for(
+                    std::min<Clock::duration>(due - Clock::now(), std::chrono::milliseconds(50)));
+        }
+        output.Write(frame);
+        if (input->HasReordering() && !warned) {
+            progress.Clear();
+            Warn("the video has B-frames: pictures keep their decoding times (see --help)");
+            warned = true;
+        }
+        frames += frame.isVideo;
+        bytes += frame.data.size();
+        seconds = std::max(seconds, frame.seconds);
+        progress.Update(frames, seconds, bytes);
+    }
+    progress.Clear();
+
+    // 4. A proper end, whatever ended the loop.
+    output.Close();
+    if (output.Broken() > 0)
+        Warn(fmt::format("{} broken frames were left out", output.Broken()));
+    for (const auto& input : inputs)
+        if (const std::string trouble = input->Trouble(); !trouble.empty())
+            throw Failure(kExitInput, trouble + "; what came before is recorded");
+    // A reader may be blocked in a read that nothing ends; the recording is complete.
+    for (const auto& input : inputs)
+        if (!input->Ended())
+            std::_Exit(kExitOk);
+}

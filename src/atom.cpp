@@ -76,7 +76,9 @@ void CMp4Atom::FinishBufferedBox(std::int64_t start)
 
 void CMp4Atom::WriteBufferBlock()
 {
-    CFieldWriter(*m_io).Bytes(m_buffer.Data(), static_cast<std::uint32_t>(m_buffer.Size()));
+    // Memory that failed has lost its bytes, but not its size.
+    if (m_buffer.Data())
+        CFieldWriter(*m_io).Bytes(m_buffer.Data(), static_cast<std::uint32_t>(m_buffer.Size()));
 }
 
 void CMp4Atom::Table(const char* code, std::uint32_t entryWidth)

@@ -6,9 +6,38 @@ namespace {
 
 constexpr std::uint32_t kTimeCodeSampleSize = 4;  // bytes
 
-// An `stsc` is written through its buffer in blocks of this size, so that a long recording's table
-// never stands in memory a second time.
+// An `stsc` is written through its buffer in blocks of at most this size, so that the table of a
+// long recording never stands in memory a second time.
 constexpr std::uint64_t kBlockSize = 0x10000;
+
+void PutBE32(std::uint8_t* bytes, std::uint32_t value)
+{
+    bytes[0] = static_cast<std::uint8_t>(value >> 24);
+    bytes[1] = static_cast<std::uint8_t>(value >> 16);
+    bytes[2] = static_cast<std::uint8_t>(value >> 8);
+    bytes[3] = static_cast<std::uint8_t>(value);
+}
+
+// One entry, one write. These run for every frame, hence the buffer by its final class, whose Write
+// the compiler can place here. A table whose memory failed once takes no more entries.
+void Append32(CBufferIO& table, std::uint32_t value)
+{
+    if (!table.IsOpen())
+        return;
+    std::uint8_t bytes[4];
+    PutBE32(bytes, value);
+    table.Write(bytes, sizeof bytes);
+}
+
+void AppendPair(CBufferIO& table, std::uint32_t first, std::uint32_t second)
+{
+    if (!table.IsOpen())
+        return;
+    std::uint8_t bytes[8];
+    PutBE32(bytes, first);
+    PutBE32(bytes + 4, second);
+    table.Write(bytes, sizeof bytes);
+}
 
 // Differences of times are 32-bit.
 std::uint32_t Delta(std::uint64_t now, std::uint64_t before)
@@ -29,9 +58,7 @@ void CMp4SttsAtom::AddSample(std::uint64_t decodingTime)
             ++m_runCount;
             return;
         }
-        CFieldWriter run(m_buffer);
-        run.U32(m_runCount);
-        run.U32(m_runDelta);
+        AppendPair(m_buffer, m_runCount, m_runDelta);
     } else if (m_first) {
         m_first = 0;  // the first sample has no delta yet
         return;
@@ -47,9 +74,7 @@ void CMp4SttsAtom::Write()
             m_runDelta = m_defaultDelta;
         // The open run, extended by the last sample; the next completed run overwrites it.
         const std::int64_t position = m_buffer.Tell();
-        CFieldWriter run(m_buffer);
-        run.U32(m_runCount + 1);
-        run.U32(m_runDelta);
+        AppendPair(m_buffer, m_runCount + 1, m_runDelta);
         m_buffer.Seek(position, kSeekStart);
     }
     Table("stts", 8);
@@ -65,9 +90,7 @@ void CMp4CttsAtom::AddSample(std::uint64_t presentationTime, std::uint64_t decod
             ++m_runCount;
             return;
         }
-        CFieldWriter run(m_buffer);
-        run.U32(m_runCount);
-        run.U32(static_cast<std::uint32_t>(m_runOffset));
+        AppendPair(m_buffer, m_runCount, static_cast<std::uint32_t>(m_runOffset));
     }
     m_runCount = 1;
     m_runOffset = static_cast<std::int32_t>(offset);
@@ -75,9 +98,7 @@ void CMp4CttsAtom::AddSample(std::uint64_t presentationTime, std::uint64_t decod
 
 void CMp4CttsAtom::Write()
 {
-    CFieldWriter run(m_buffer);
-    run.U32(m_runCount);
-    run.U32(static_cast<std::uint32_t>(m_runOffset));
+    AppendPair(m_buffer, m_runCount, static_cast<std::uint32_t>(m_runOffset));
     const auto size = static_cast<std::uint32_t>(m_buffer.Size());
     TrueSize("ctts", size + 16, [size](CFieldWriter& f) {
         f.VersionFlags(0, 0);
@@ -90,29 +111,35 @@ void CMp4CttsAtom::Write()
 
 void CMp4StszAtom::AddSample(std::int32_t size)
 {
-    CFieldWriter(m_buffer).U32(static_cast<std::uint32_t>(size));
+    Append32(m_buffer, static_cast<std::uint32_t>(size));
     m_dataSize += static_cast<std::uint64_t>(std::int64_t{size});
 }
 
 bool CMp4StszAtom::AllEqual() const
 {
     // Each word equals its neighbour: the block equals itself moved by one word.
+    // Memory that failed has lost its bytes, but not its size.
     const std::uint64_t size = m_buffer.Size();
-    return size <= 4 || std::memcmp(m_buffer.Data(), m_buffer.Data() + 4, size - 4) == 0;
+    const std::uint8_t* words = m_buffer.Data();
+    return size <= 4 || !words || std::memcmp(words, words + 4, size - 4) == 0;
 }
 
 void CMp4StszAtom::Write()
 {
     const auto size = static_cast<std::uint32_t>(m_buffer.Size());
     const bool compact = AllEqual();
-    TrueSize("stsz", compact ? 20 : size + 20, [&](CFieldWriter& f) {
-        f.VersionFlags(0, 0);
-        if (compact && size != 0)
-            f.Bytes(m_buffer.Data(), 4);  // the common size
-        else
-            f.U32(0);
-        f.U32(size / 4);
-    });
+    std::uint8_t header[20];
+    PutBE32(header, compact ? 20 : size + 20);
+    std::memcpy(header + 4, "stsz", 4);
+    PutBE32(header + 8, 0);   // version and flags
+    PutBE32(header + 12, 0);  // the common size
+    if (compact && m_buffer.Data())
+        std::memcpy(header + 12, m_buffer.Data(), 4);
+    PutBE32(header + 16, size / 4);  // sample count
+    // Two writes and the block, as for every table.
+    CFieldWriter sink(*m_io);
+    sink.Bytes(header, 8);
+    sink.Bytes(header + 8, 12);
     if (!compact)
         WriteBufferBlock();
 }
@@ -159,12 +186,11 @@ void CMp4StscAtom::Write()
         ++chunk;
         if (samples == previous)
             continue;
-        f.U32(chunk);  // first chunk
-        f.U32(samples);
-        f.U32(1);  // sample description index
-        previous = samples;
-        if (m_buffer.Size() >= kBlockSize)
+        if (m_buffer.Size() + 12 > kBlockSize)
             m_buffer.Flush();
+        AppendPair(m_buffer, chunk, samples);  // first chunk, samples per chunk
+        Append32(m_buffer, 1);                 // sample description index
+        previous = samples;
     }
     m_buffer.Flush();
 }
@@ -178,17 +204,18 @@ std::uint32_t CMp4StscAtom::GetSize() const
 
 void CMp4StcoAtom::AddChunk(std::uint64_t offset)
 {
-    CFieldWriter(m_buffer).U32(static_cast<std::uint32_t>(offset));
+    Append32(m_buffer, static_cast<std::uint32_t>(offset));
 }
 
 void CMp4Co64Atom::AddChunk(std::uint64_t offset)
 {
-    CFieldWriter(m_buffer).U64(offset);
+    AppendPair(m_buffer, static_cast<std::uint32_t>(offset >> 32),
+               static_cast<std::uint32_t>(offset));
 }
 
 void CMp4StssAtom::AddSample(std::uint32_t number)
 {
-    CFieldWriter(m_buffer).U32(number);
+    Append32(m_buffer, number);
 }
 
 // ---- stbl ----------------------------------------------------------------------------------

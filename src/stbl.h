@@ -1,12 +1,13 @@
-// The sample tables. Each is held from the first sample on in its final on-disk form, so that it can
-// be written at any moment, as often as asked, with one block write. Where a chunk begins is decided
-// outside; times and sizes are taken as they come.
+// The sample tables. Each is held from the first sample on in its final on-disk form, so that it
+// can be written at any moment, as often as asked, with one block write; only "stsc" is kept as
+// chunk lengths and coded anew. Where a chunk begins is decided outside; times and sizes are taken
+// as they come.
 #pragma once
 
 #include "stsd.h"
 
 #include <cstdint>
-#include <vector>
+#include <deque>
 
 // Time to sample. m_buffer holds the completed runs; the open one is written provisionally.
 class CMp4SttsAtom final : public CMp4Atom {
@@ -62,7 +63,9 @@ public:
     void Write() override;
     std::uint32_t GetSize() const override;
 
-    std::vector<std::uint32_t> m_chunks;  // samples in each chunk
+    // The samples in each chunk. In pieces, because a contiguous array stands in memory twice
+    // whenever it grows.
+    std::deque<std::uint32_t> m_chunks;
 
 private:
     std::uint32_t CountEntries() const;

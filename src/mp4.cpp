@@ -161,8 +161,10 @@ uint32_t mp4_close_file(mp4_handle handle)
 {
     return WithFile(handle, [handle](CMp4Muxer& file) {
         const std::uint32_t status = file.Close();
+        // By its place in the set: the address is not to be used behind the delete.
+        const auto entry = g_openHandles.find(handle);
         delete &file;
-        g_openHandles.erase(handle);
+        g_openHandles.erase(entry);
         return status;
     });
 }

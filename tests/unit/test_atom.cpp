@@ -41,6 +41,7 @@ public:
     void Write() override { Table("tabl", 4); }
     std::uint32_t GetSize() const override { return 0; }
     void Add(std::uint32_t value) { CFieldWriter(m_buffer).U32(value); }
+    void AskForTooMuch() { m_buffer.Reserve(0xFFFFFFFF); }
 };
 
 }  // namespace
@@ -165,4 +166,18 @@ TEST(Shapes, AnEmptyTableIsAHeaderAlone)
     CTable table(&sink);
     table.Write();
     EXPECT_EQ(Of(sink), (Bytes{0, 0, 0, 16, 't', 'a', 'b', 'l', 0, 0, 0, 0, 0, 0, 0, 0}));
+}
+
+// Growth beyond 32 bits fails like an allocation: the bytes are lost, their number stays.
+TEST(Table, ATableWhoseMemoryFailedIsWrittenWithoutItsBlock)
+{
+    CBufferIO sink;
+    sink.AttachSink(nullptr);
+    CTable table(&sink);
+    table.Add(7);
+    testing::internal::CaptureStdout();
+    EXPECT_THROW(table.AskForTooMuch(), kv_mp4_exception);
+    testing::internal::GetCapturedStdout();
+    table.Write();
+    EXPECT_EQ(Of(sink), (Bytes{0, 0, 0, 20, 't', 'a', 'b', 'l', 0, 0, 0, 0, 0, 0, 0, 1}));
 }

@@ -22,6 +22,9 @@ constexpr std::size_t kQueueFrames = 4096;
 constexpr std::size_t kQueueBytes = 64u << 20;
 constexpr auto kMoment = std::chrono::milliseconds(100);
 constexpr std::int64_t kAacFrame = 1024;  // samples
+// A track begins with its first frame: a stream that starts later than this shows its first frame
+// from the beginning on, so that the rest keeps its time against the other stream.
+constexpr double kLateStart = 0.1;  // seconds
 
 std::string ErrorText(int error)
 {
@@ -159,6 +162,13 @@ void Input::Choose()
         AddVideo(video);
     if (audio >= 0)
         AddAudio(audio);
+    for (const auto& entry : m_streams) {
+        const AVStream* stream = entry->stream;
+        if (entry->counted || stream->start_time == AV_NOPTS_VALUE)
+            continue;
+        const double start = static_cast<double>(stream->start_time) * av_q2d(stream->time_base);
+        m_origin = std::min(m_origin.value_or(start), start);
+    }
     if (m_streams.empty())
         throw Failure(kExitStream, m_options.url + " has no video or audio stream to record");
 }
@@ -350,8 +360,9 @@ void Input::Deliver(Stream& stream, AVPacket* packet)
         if (!stream.isVideo && !stream.first && std::llabs(time - stream.next) <= step)
             time = stream.next;
     }
-    if (time < 0)
-        time = 0;  // a stream that begins before the first one
+    if (time < 0 ||
+        (stream.first && static_cast<double>(time) > kLateStart * stream.timescale))
+        time = 0;
     if (stream.last && time <= *stream.last && stream.isVideo)
         time = *stream.last + 1;  // the tables take rising times only
     stream.first = false;

@@ -11,6 +11,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <memory>
+#include <string_view>
 #include <thread>
 
 #include <unistd.h>
@@ -138,8 +139,10 @@ public:
     {
         const std::size_t equals = item.find('=');
         const std::string key = item.substr(0, equals);
-        if (mp4_set_metadata(m_file, key.c_str(), item.c_str() + equals + 1) != MP4_OK)
-            throw Failure(kExitUsage, "\"" + key + "\" is no metadata key (see --help)");
+        const std::uint32_t status =
+            mp4_set_metadata(m_file, key.c_str(), item.c_str() + equals + 1);
+        if (status != MP4_OK)
+            throw Failure(kExitWrite, "the item " + key + " cannot be set: " + StatusText(status));
     }
 
     void Write(const Frame& frame)
@@ -216,9 +219,17 @@ void CheckOptions(const RecordOptions& options, AVRational& fps)
     if (!options.fps.empty() &&
         (av_parse_video_rate(&fps, options.fps.c_str()) < 0 || fps.num <= 0))
         throw Failure(kExitUsage, "\"" + options.fps + "\" is no frame rate");
-    for (const std::string& item : options.metadata)
-        if (item.find('=') == std::string::npos || item.front() == '=')
+    static constexpr std::string_view kKeys[] = {
+        "title", "artist", "album_artist", "composer", "album", "date", "encoding_tool", "comment",
+        "genre", "copyright", "grouping", "lyrics", "description", "synopsis", "show",
+        "episode_id", "network"};
+    for (const std::string& item : options.metadata) {
+        const std::string key = item.substr(0, item.find('='));
+        if (key.empty() || key.size() == item.size())
             throw Failure(kExitUsage, "metadata is given as key=value, not \"" + item + "\"");
+        if (!key.starts_with("com.") && std::ranges::find(kKeys, key) == std::end(kKeys))
+            throw Failure(kExitUsage, "\"" + key + "\" is no metadata key (see --help)");
+    }
     std::error_code ignored;
     for (const std::string& input : options.inputs)
         if (std::filesystem::equivalent(input, options.output, ignored))

@@ -43,7 +43,7 @@ void MakeAudioSpecificConfig(std::uint8_t objectType, std::uint16_t sampleRate,
             break;
         }
     }
-    config[0] = static_cast<std::uint8_t>(objectType << 3 | index >> 1);
+    config[0] = static_cast<std::uint8_t>(std::uint32_t{objectType} << 3 | index >> 1);
     // Kept: channels above 15 spill into the index.
     config[1] = static_cast<std::uint8_t>((index << 4 | channels) << 3);
 }

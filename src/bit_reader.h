@@ -26,6 +26,8 @@ private:
     // The bit at a position; 0 behind the buffer.
     std::uint32_t BitAt(std::uint64_t position) const
     {
-        return position < bitCount ? data[position / 8] >> (7 - position % 8) & 1u : 0u;
+        if (position >= bitCount)
+            return 0;
+        return std::uint32_t{data[position / 8]} >> (7 - position % 8) & 1;
     }
 };

@@ -11,6 +11,10 @@
 #include <string>
 #include <vector>
 
+// A private copy of a parameter set. A length that reads as negative, 32768 or more, fails like the
+// allocation of as many bytes.
+std::unique_ptr<std::uint8_t[]> CopyNalUnit(const std::uint8_t* nal, std::int16_t size);
+
 // A byte copy of the two parameter sets; no bit of them is interpreted.
 class CMp4AvccAtom final : public CMp4Atom {
 public:

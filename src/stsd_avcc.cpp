@@ -4,18 +4,17 @@
 #include "log.h"
 
 #include <cstring>
+#include <new>
 
-namespace {
-
-// A private copy; a negative size makes the allocation throw.
-std::unique_ptr<std::uint8_t[]> Copy(const std::uint8_t* data, std::int16_t size)
+std::unique_ptr<std::uint8_t[]> CopyNalUnit(const std::uint8_t* nal, std::int16_t size)
 {
-    std::unique_ptr<std::uint8_t[]> copy(new std::uint8_t[static_cast<std::size_t>(size)]);
-    std::memcpy(copy.get(), data, static_cast<std::size_t>(size));
+    if (size < 0)
+        throw std::bad_alloc();
+    const auto bytes = static_cast<std::size_t>(size);
+    std::unique_ptr<std::uint8_t[]> copy(new std::uint8_t[bytes]);
+    std::memcpy(copy.get(), nal, bytes);
     return copy;
 }
-
-}  // namespace
 
 void CMp4AvccAtom::SetCodecData(const mp4_video_track_info& info)
 {
@@ -24,11 +23,11 @@ void CMp4AvccAtom::SetCodecData(const mp4_video_track_info& info)
     m_spsSize = 0;
     m_ppsSize = 0;
     if (info.sps) {
-        m_sps = Copy(info.sps, info.sps_size);
+        m_sps = CopyNalUnit(info.sps, info.sps_size);
         m_spsSize = info.sps_size;
     }
     if (info.pps) {
-        m_pps = Copy(info.pps, info.pps_size);
+        m_pps = CopyNalUnit(info.pps, info.pps_size);
         m_ppsSize = info.pps_size;
     }
     m_size = static_cast<std::uint32_t>(m_ppsSize + m_spsSize + 19);

@@ -3,8 +3,6 @@
 
 #include "log.h"
 
-#include <cstring>
-
 void CMp4HvccAtom::SetCodecData(const mp4_video_track_info& info)
 {
     m_config.reset();
@@ -23,9 +21,7 @@ void CMp4HvccAtom::SetCodecData(const mp4_video_track_info& info)
                              const char* name) {
         if (!data)
             return;
-        const auto length = static_cast<std::size_t>(size);  // negative: the allocation throws
-        copy.reset(new std::uint8_t[length]);
-        std::memcpy(copy.get(), data, length);
+        copy = CopyNalUnit(data, size);
         copySize = size;
         if (!ParseHevcNal(m_config.get(), copy.get(), size)) {
             PrintLine("LibMp4 : Error - Parse hevc %s fail !\n", name);

@@ -59,7 +59,7 @@ public:
     {
         unsigned value = 0;
         for (; count > 0; --count, ++m_at)
-            value = value << 1 | (m_at < m_bits ? m_data[m_at / 8] >> (7 - m_at % 8) & 1u : 0u);
+            value = value << 1 | (m_at < m_bits && (m_data[m_at / 8] >> (7 - m_at % 8) & 1) != 0);
         return value;
     }
 

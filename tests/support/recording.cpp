@@ -35,6 +35,7 @@ Folder::~Folder()
 
 struct LogCapture::State : spdlog::sinks::base_sink<std::mutex> {
     std::vector<std::string> lines;
+    std::vector<std::string> sources;
 
 protected:
     void sink_it_(const spdlog::details::log_msg& line) override
@@ -42,6 +43,9 @@ protected:
         const auto level = spdlog::level::to_string_view(line.level);
         lines.push_back(std::string(level.begin(), level.end()) + " " +
                         std::string(line.payload.begin(), line.payload.end()));
+        sources.push_back(line.source.empty() ? ""
+                                              : std::string(line.source.filename) + " " +
+                                                    line.source.funcname);
     }
     void flush_() override {}
 };
@@ -66,6 +70,30 @@ std::size_t LogCapture::Count(const std::string& line) const
     return static_cast<std::size_t>(std::count(Lines().begin(), Lines().end(), line));
 }
 
+const std::vector<std::string>& LogCapture::Sources() const
+{
+    return m_state->sources;
+}
+
+// ---- StdoutCapture -------------------------------------------------------------------------
+
+StdoutCapture::StdoutCapture()
+{
+    testing::internal::CaptureStdout();
+}
+
+StdoutCapture::~StdoutCapture()
+{
+    if (m_running)
+        testing::internal::GetCapturedStdout();
+}
+
+std::string StdoutCapture::Take()
+{
+    m_running = false;
+    return testing::internal::GetCapturedStdout();
+}
+
 // ---- Streams -------------------------------------------------------------------------------
 
 const Bytes& Sps()
@@ -77,6 +105,27 @@ const Bytes& Sps()
 const Bytes& Pps()
 {
     static const Bytes pps = Hex("68 EB E3 CB 22 C0");
+    return pps;
+}
+
+const Bytes& HevcVps()
+{
+    static const Bytes vps =
+        Hex("40 01 0C 01 FF FF 01 60 00 00 03 00 90 00 00 03 00 00 03 00 1E 92 80 90");
+    return vps;
+}
+
+const Bytes& HevcSps()
+{
+    static const Bytes sps =
+        Hex("42 01 01 01 60 00 00 03 00 90 00 00 03 00 00 03 00 1E A0 14 20 79 65 92 A4 93 2B C0 "
+            "5A 02 00 00 03 00 02 00 00 03 00 32 10");
+    return sps;
+}
+
+const Bytes& HevcPps()
+{
+    static const Bytes pps = Hex("44 01 C1 72 B4 62 40");
     return pps;
 }
 
@@ -107,6 +156,14 @@ Recording::Recording(const std::string& name, std::uint8_t flags) : m_name(name)
     EXPECT_EQ(status, 0u);
 }
 
+Recording::Recording(ExternalSink& sink, const std::string& name, std::uint8_t flags)
+    : m_name(name), m_sink(&sink)
+{
+    const std::uint32_t status = mp4_create_file_adv_ex(name.c_str(), flags, 4096, 32,
+                                                        MP4_IO_EXTERNAL, sink.Table(), &m_handle);
+    EXPECT_EQ(status, 0u);
+}
+
 Recording::~Recording()
 {
     if (m_handle)
@@ -125,6 +182,22 @@ std::uint32_t Recording::SetH264(std::uint32_t timescale, std::uint64_t sampleDu
     info.sps_size = static_cast<std::int16_t>(Sps().size());
     info.pps = Pps().data();
     info.pps_size = static_cast<std::int16_t>(Pps().size());
+    return mp4_set_video_track(m_handle, &info);
+}
+
+std::uint32_t Recording::SetHevc(std::uint32_t timescale)
+{
+    mp4_video_track_info info{};
+    info.timescale = timescale;
+    info.codec = MP4_VIDEO_HEVC;
+    info.width = 160;
+    info.height = 120;
+    info.sps = HevcSps().data();
+    info.sps_size = static_cast<std::int16_t>(HevcSps().size());
+    info.pps = HevcPps().data();
+    info.pps_size = static_cast<std::int16_t>(HevcPps().size());
+    info.vps = HevcVps().data();
+    info.vps_size = static_cast<std::int16_t>(HevcVps().size());
     return mp4_set_video_track(m_handle, &info);
 }
 
@@ -178,7 +251,7 @@ std::uint32_t Recording::CloseStatus()
 BoxFile Recording::Close()
 {
     EXPECT_EQ(CloseStatus(), 0u);
-    return BoxFile::Read(Path());
+    return m_sink ? m_sink->File() : BoxFile::Read(Path());
 }
 
 }  // namespace kvtest

@@ -3,12 +3,13 @@
 #pragma once
 
 #include "support/boxes.h"
+#include "support/external_sink.h"
 
 #include <kv_mp4.h>
 
 #include <filesystem>
-#include <memory>
 #include <initializer_list>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -38,6 +39,8 @@ public:
     const std::vector<std::string>& Lines() const;
     std::size_t Count(const std::string& line) const;
     bool Has(const std::string& line) const { return Count(line) != 0; }
+    // Where each line comes from, "file function"; the line's number is not a fact to test.
+    const std::vector<std::string>& Sources() const;
 
 private:
     struct State;
@@ -45,9 +48,26 @@ private:
     std::shared_ptr<void> m_before;
 };
 
-// Real parameter sets of small streams: High profile H.264 160x120, and made-up HEVC ones.
+// Collects what is printed on standard output while it lives.
+class StdoutCapture {
+public:
+    StdoutCapture();
+    ~StdoutCapture();
+    StdoutCapture(const StdoutCapture&) = delete;
+    StdoutCapture& operator=(const StdoutCapture&) = delete;
+    // The text so far; collects no more.
+    std::string Take();
+
+private:
+    bool m_running = true;
+};
+
+// Parameter sets of real streams, 160x120: High profile H.264 and Main profile HEVC.
 const Bytes& Sps();
 const Bytes& Pps();
+const Bytes& HevcVps();
+const Bytes& HevcSps();
+const Bytes& HevcPps();
 
 // An Annex B frame of one unit: start code, header byte, then `size` - 1 filler bytes.
 Bytes Unit(std::uint8_t header, std::size_t size = 10);
@@ -55,7 +75,11 @@ Bytes operator+(const Bytes& left, const Bytes& right);
 
 class Recording {
 public:
+    // The kind of the file is that of its name.
     explicit Recording(const std::string& name = "clip.mp4", std::uint8_t flags = 0);
+    // Into the caller's own output; the sink must outlive the recording.
+    explicit Recording(ExternalSink& sink, const std::string& name = "clip.mp4",
+                       std::uint8_t flags = 0);
     ~Recording();
     Recording(const Recording&) = delete;
     Recording& operator=(const Recording&) = delete;
@@ -66,12 +90,13 @@ public:
     LogCapture& Log() { return m_log; }
 
     std::uint32_t SetH264(std::uint32_t timescale = 1000, std::uint64_t sampleDuration = 0);
+    std::uint32_t SetHevc(std::uint32_t timescale = 1000);
     std::uint32_t SetProRes(std::uint32_t format);
     std::uint32_t SetAac(std::uint32_t timescale = 1000, std::uint64_t sampleDuration = 0);
     std::uint32_t SetAdts(std::uint32_t timescale = 1000);
     std::uint32_t Video(const Bytes& frame, std::uint64_t time);
     std::uint32_t Audio(const Bytes& frame, std::uint64_t time);
-    // IDR frames of one 10-byte unit.
+    // Frames of H.264, IDR pictures of one 10-byte unit.
     void FramesAt(std::initializer_list<std::uint64_t> times);
 
     std::uint32_t CloseStatus();
@@ -80,6 +105,7 @@ public:
 private:
     Folder m_folder;
     std::string m_name;
+    ExternalSink* m_sink = nullptr;  // not owned; null for a file
     LogCapture m_log;
     mp4_handle m_handle = nullptr;
 };

@@ -132,13 +132,15 @@ std::uint32_t CMp4Muxer::WriteInfoMetadata(const char* key, const void* value, s
         Tag(f, InfoTag::Metadata);
         f.U8(type);
         text(key);
-        if (type == MP4_METADATA_TEXT) {
-            text(value ? static_cast<const char*>(value) : "");
+        if (!value) {
+            f.U32(0);  // the item was removed
+        } else if (type == MP4_METADATA_TEXT) {
+            text(static_cast<const char*>(value));
         } else {
             f.U32(size);
             // Kept: an empty value is not writable and so ends the log.
             if (m_infoWriter.IsOpen())
-                m_infoWriter.Write(value ? value : "", value ? size : 0);
+                m_infoWriter.Write(value, size);
         }
         if (key_namespace)
             text(key_namespace);

@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <csignal>
 #include <filesystem>
+#include <functional>
 
 #include <sys/resource.h>
 
@@ -266,6 +267,46 @@ TEST(TheInfoFile, StandsWhileRecordingAndGoesWithACleanClose)
     EXPECT_EQ(info.All(), Hex("12 00000024"));  // the flags, the position of mdat
     EXPECT_EQ(rec.CloseStatus(), 0u);
     EXPECT_FALSE(std::filesystem::exists(rec.InfoPath()));
+}
+
+namespace {
+
+// The whole log of a recording, which a close that fails leaves behind.
+Bytes LogOf(const std::function<void(Recording&)>& record)
+{
+    Folder folder;
+    ExternalSink sink;
+    Recording rec(sink, (folder / "clip.mp4").string(), MP4_OPEN_INFO_FILE);
+    record(rec);
+    sink.FailWrite(1, ENOSPC);
+    const StdoutCapture quiet;
+    EXPECT_EQ(rec.CloseStatus(), 16u);
+    return BoxFile::Read(rec.InfoPath()).All();
+}
+
+}  // namespace
+
+TEST(TheInfoFile, LogsARemovedItemAsAValueOfLengthZero)
+{
+    const Bytes log = LogOf([](Recording& rec) {
+        EXPECT_EQ(mp4_set_metadata(rec.Handle(), "title", "A"), 0u);
+        EXPECT_EQ(mp4_set_metadata(rec.Handle(), "title", nullptr), 0u);
+        EXPECT_EQ(mp4_set_metadata_ex(rec.Handle(), "title", nullptr, 5, 0, nullptr), 0u);
+    });
+    EXPECT_EQ(log, Hex("10 00000024"
+                       "01 01 00000006 'title' 00 00000002 'A' 00 00000000"
+                       "01 01 00000006 'title' 00 00000000 00000000"
+                       "01 00 00000006 'title' 00 00000000 00000000"));
+}
+
+TEST(TheInfoFile, EndsAtAnEmptyBinaryValue)
+{
+    const Bytes log = LogOf([](Recording& rec) {
+        const StdoutCapture quiet;
+        EXPECT_EQ(mp4_set_metadata_ex(rec.Handle(), "title", "A", 0, 0, nullptr), 1u);
+        EXPECT_EQ(mp4_set_metadata(rec.Handle(), "title", "A"), 0u);
+    });
+    EXPECT_EQ(log, Hex("10 00000024 01 00 00000006 'title' 00 00000000"));
 }
 
 namespace {

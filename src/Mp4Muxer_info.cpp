@@ -20,11 +20,10 @@ void Tag(CFieldWriter& f, InfoTag tag)
 // A length with the bytes behind it; the length widens with its sign.
 void ParameterSet(CFieldWriter& f, const std::uint8_t* data, std::int16_t size)
 {
-    // A record may give a size without an address: there are no bytes to log then.
-    const std::int32_t length = data ? size : 0;
-    f.U32(static_cast<std::uint32_t>(length));
-    if (length > 0)
-        f.Bytes(data, static_cast<std::size_t>(length));
+    f.U32(static_cast<std::uint32_t>(std::int32_t{size}));
+    // Kept: a record may give a size without an address; its packet has the length and no bytes.
+    if (data && size > 0)
+        f.Bytes(data, static_cast<std::size_t>(size));
 }
 
 }  // namespace

@@ -299,6 +299,19 @@ TEST(TheInfoFile, LogsARemovedItemAsAValueOfLengthZero)
                        "01 00 00000006 'title' 00 00000000 00000000"));
 }
 
+TEST(TheInfoFile, LogsTheLengthOfAParameterSetWithoutAnAddress)
+{
+    const Bytes log = LogOf([](Recording& rec) {
+        mp4_video_track_info info{};
+        info.sps_size = 5;
+        info.pps_size = -2;
+        const StdoutCapture quiet;
+        EXPECT_EQ(mp4_set_video_track(rec.Handle(), &info), 0u);
+    });
+    EXPECT_EQ(log, Hex("10 00000024 02 00000000 00000000 00000000 00 0000 0000"
+                       "00000005 FFFFFFFE"));
+}
+
 TEST(TheInfoFile, EndsAtAnEmptyBinaryValue)
 {
     const Bytes log = LogOf([](Recording& rec) {

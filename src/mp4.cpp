@@ -12,8 +12,6 @@
 #include <memory>
 #include <mutex>
 #include <set>
-#include <source_location>
-#include <string>
 
 #define UNIT "src/mp4"
 
@@ -31,32 +29,26 @@ bool g_loggerReady = false;          // under g_apiLock
 
 using ApiLock = std::lock_guard<std::recursive_mutex>;
 
-// A log line at the export's place in place of the frame's.
-template <typename... Args>
-void LogAt(const std::source_location& where, spdlog::format_string_t<Args...> format,
-           Args&&... args)
+// The export that a log line names: as a default argument, the function that makes the call. The
+// name lives as long as the library, for loggers that write later.
+spdlog::source_loc Here(const char* name = __builtin_FUNCTION(), int line = __builtin_LINE())
 {
-    std::string name = where.function_name();
-    name.erase(std::min(name.find('('), name.size()));
-    name.erase(0, name.rfind(' ') + 1);
-    kv_log::Line(spdlog::source_loc{UNIT, static_cast<int>(where.line()), name.c_str()},
-                 spdlog::level::err, format, std::forward<Args>(args)...);
+    return {UNIT, line, name};
 }
 
 // The call frame: the handle is looked up and the call runs under one hold of the lock, so that no
 // close on another thread can free the object in between.
 template <typename Call>
-auto WithFile(mp4_handle handle, Call call,
-              const std::source_location& where = std::source_location::current())
+auto WithFile(mp4_handle handle, Call call, const spdlog::source_loc& where = Here())
     -> decltype(call(std::declval<CMp4Muxer&>()))
 {
     if (!handle) {
-        LogAt(where, "null handle");
+        kv_log::Line(where, spdlog::level::err, "null handle");
         return MP4_ERR_INVALID_HANDLE;
     }
     const ApiLock hold(g_apiLock);
     if (!g_openHandles.contains(handle)) {
-        LogAt(where, "invalid handle {}", handle);
+        kv_log::Line(where, spdlog::level::err, "invalid handle {}", handle);
         return MP4_ERR_INVALID_HANDLE;
     }
     return call(*static_cast<CMp4Muxer*>(handle));
@@ -65,7 +57,7 @@ auto WithFile(mp4_handle handle, Call call,
 // A record that must not be null, tested behind the handle.
 template <typename Record, typename Call>
 std::uint32_t WithRecord(mp4_handle handle, Record* record, Call call,
-                         const std::source_location& where = std::source_location::current())
+                         const spdlog::source_loc& where = Here())
 {
     return WithFile(
         handle,

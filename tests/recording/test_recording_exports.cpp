@@ -3,9 +3,13 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <spdlog/sinks/base_sink.h>
 #include <spdlog/spdlog.h>
 
+#include <memory>
+#include <mutex>
 #include <string>
+#include <vector>
 
 using namespace kvtest;
 using testing::HasSubstr;
@@ -27,6 +31,34 @@ TEST(AClosedHandle, Gives2WithItsValueInTheLog)
     rec.Close();
     EXPECT_EQ(mp4_close_file(stale), 2u);
     EXPECT_THAT(rec.Log().Lines().back(), testing::MatchesRegex("error invalid handle 0x[0-9a-f]+"));
+}
+
+namespace {
+
+// Keeps the names as it got them, like a logger that writes later.
+struct NameKeeper : spdlog::sinks::base_sink<std::mutex> {
+    std::vector<const char*> names;
+
+protected:
+    void sink_it_(const spdlog::details::log_msg& line) override
+    {
+        names.push_back(line.source.funcname);
+    }
+    void flush_() override {}
+};
+
+}  // namespace
+
+TEST(TheNameOfAnExport, OutlivesItsLogLine)
+{
+    const LogCapture restores;
+    const auto keeper = std::make_shared<NameKeeper>();
+    spdlog::set_default_logger(std::make_shared<spdlog::logger>("keeper", keeper));
+    mp4_close_file(nullptr);
+    mp4_set_safe_param(keeper.get(), nullptr);
+    ASSERT_EQ(keeper->names.size(), 2u);
+    EXPECT_STREQ(keeper->names[0], "mp4_close_file");
+    EXPECT_STREQ(keeper->names[1], "mp4_set_safe_param");
 }
 
 TEST(NullRecords, Give4)

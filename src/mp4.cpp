@@ -67,12 +67,13 @@ std::uint32_t WithRecord(mp4_handle handle, Record* record, Call call,
         where);
 }
 
-void SetUpLogger()
+void SetUpLogger(const spdlog::source_loc& where = Here())
 {
     const ApiLock hold(g_apiLock);
     if (g_loggerReady)
         return;
-    LOG_INFO("lumivane mp4 library {}", kVersion);  // to the logger that spdlog began with
+    // To the logger that spdlog began with.
+    kv_log::Line(where, spdlog::level::info, "lumivane mp4 library {}", kVersion);
     const auto sink = std::make_shared<spdlog::sinks::stderr_sink_mt>();
     spdlog::set_default_logger(std::make_shared<spdlog::logger>("msvc_logger", sink));
     platform::SetUtf8Locale();

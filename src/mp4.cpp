@@ -21,8 +21,8 @@ constexpr char kVersion[] = "1.0.1.17543";
 constexpr std::uint32_t kBlockSize = 4096;
 constexpr std::uint32_t kBlockCount = 32;
 
-// One lock for the process: all open files take turns. Recursive, because the create family and the
-// conversions call one another.
+// One lock for the process: all open files take turns. Recursive, so that an export that holds it
+// from its first line can go through the call frame.
 std::recursive_mutex g_apiLock;
 std::set<mp4_handle> g_openHandles;  // under g_apiLock
 bool g_loggerReady = false;          // under g_apiLock
@@ -67,9 +67,9 @@ std::uint32_t WithRecord(mp4_handle handle, Record* record, Call call,
         where);
 }
 
+// Under g_apiLock, as is Create.
 void SetUpLogger(const spdlog::source_loc& where = Here())
 {
-    const ApiLock hold(g_apiLock);
     if (g_loggerReady)
         return;
     // To the logger that spdlog began with.
@@ -84,7 +84,6 @@ std::uint32_t Create(const wchar_t* path, std::uint8_t flags, std::uint32_t bloc
                      std::uint32_t block_count, std::uint32_t io_mode, ExternalIoFuncs* pFunc,
                      mp4_handle* handle_out)
 {
-    const ApiLock hold(g_apiLock);
     auto file = std::make_unique<CMp4Muxer>();
     const std::uint32_t status =
         file->Create(path, block_size, block_count, flags, io_mode, pFunc);
@@ -103,6 +102,7 @@ uint32_t mp4_create_file(const wchar_t* path, uint8_t flags, mp4_handle* handle_
 {
     if (!path || !handle_out)
         return MP4_ERR_INVALID_PARAM;
+    const ApiLock hold(g_apiLock);
     SetUpLogger();
     return Create(path, flags, kBlockSize, kBlockCount, MP4_IO_FILE, nullptr, handle_out);
 }

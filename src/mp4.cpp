@@ -164,8 +164,12 @@ uint32_t mp4_close_file(mp4_handle handle)
 
 // ---- Tracks and metadata -------------------------------------------------------------------
 
+// Kept: mp4_set_video_track and the metadata calls take the lock ahead of the test for a null
+// handle, so that the line of that test, too, waits for a call on another thread.
+
 uint32_t mp4_set_video_track(mp4_handle handle, const mp4_video_track_info* info)
 {
+    const ApiLock hold(g_apiLock);
     return WithRecord(handle, info, [=](CMp4Muxer& file) { return file.SetVideoTrack(info); });
 }
 
@@ -186,6 +190,7 @@ uint32_t mp4_set_time_code_track(mp4_handle handle, const mp4_time_code_track_in
 
 uint32_t mp4_set_metadata(mp4_handle handle, const char* key, const char* value)
 {
+    const ApiLock hold(g_apiLock);
     return WithFile(handle, [=](CMp4Muxer& file) {
         return file.SetMetadata(key, value, 0, MP4_METADATA_TEXT, nullptr);
     });
@@ -194,6 +199,7 @@ uint32_t mp4_set_metadata(mp4_handle handle, const char* key, const char* value)
 uint32_t mp4_set_metadata_ex(mp4_handle handle, const char* key, const void* value, uint32_t size,
                              uint32_t type, const char* key_namespace)
 {
+    const ApiLock hold(g_apiLock);
     return WithFile(handle, [=](CMp4Muxer& file) {
         return file.SetMetadata(key, value, size, type, key_namespace);
     });

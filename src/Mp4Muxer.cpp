@@ -147,6 +147,18 @@ void CMp4Muxer::WriteFileHead()
     m_moov->m_trackTC.m_mdia.m_minf.m_useNmhd = !quickTime;
 }
 
+namespace {
+
+// Milliseconds since the last reading, which moves to now.
+std::int64_t Lap(std::int64_t& clock)
+{
+    const std::int64_t last = clock;
+    clock = platform::ClockMs();
+    return clock - last;
+}
+
+}  // namespace
+
 std::uint32_t CMp4Muxer::Close()
 {
     // 1. A failed writer decides the result; the close goes on regardless.
@@ -160,17 +172,17 @@ std::uint32_t CMp4Muxer::Close()
         m_infoWriter.Close();
 
     // 3. mdat, moov, and the end of the log; a throw skips what follows it in here.
-    if (const auto failed = Guarded([this] { FinishFile(); }))
+    std::int64_t clock = platform::ClockMs();
+    if (const auto failed = Guarded([&] { FinishFile(clock); }))
         result = *failed;
 
-    // 4. The output.
-    const std::int64_t before = platform::ClockMs();
+    // 4. The output. Its line counts from the last reading that was reached.
     m_nextMoovPos = kNoMoovPosition;
     if (m_pFile) {
         m_dataPos = static_cast<std::uint64_t>(m_pFile->Tell());
         m_pFile->Close();
     }
-    LOG_INFO("Muxer - Close - uninit takes {} ms", platform::ClockMs() - before);
+    LOG_INFO("Muxer - Close - uninit takes {} ms", Lap(clock));
 
     // 5. All objects, in this order.
     m_moovBuffer.reset();
@@ -182,29 +194,22 @@ std::uint32_t CMp4Muxer::Close()
     return result;
 }
 
-void CMp4Muxer::FinishFile()
+void CMp4Muxer::FinishFile(std::int64_t& clock)
 {
-    std::int64_t clock = platform::ClockMs();
-    const auto lap = [&clock] {
-        const std::int64_t now = platform::ClockMs();
-        const std::int64_t taken = now - clock;
-        clock = now;
-        return taken;
-    };
     if (m_safeMode) {
         if (m_nextMoovPos == kNoMoovPosition)
             m_nextMoovPos = m_safeParam.min_interval;
         LOG_INFO("mdat end update to {}", m_nextMoovPos);
         if (m_mdat)
             m_mdat->UpdateSize(m_nextMoovPos);
-        lap();
+        Lap(clock);
         PrepareMoovBuffer();
         if (m_moov)
             m_moov->Write(m_nextMoovPos);
     } else {
         if (m_mdat)
             m_mdat->Finish();
-        LOG_INFO("Muxer - Close - mdat finish takes {} ms", lap());
+        LOG_INFO("Muxer - Close - mdat finish takes {} ms", Lap(clock));
         PrepareMoovBuffer();
         if (m_moov)
             m_moov->Write();
@@ -213,9 +218,9 @@ void CMp4Muxer::FinishFile()
     // here keeps it. A caller's own output sees no such call.
     if (m_pFile && m_pFile->IsLocal() && m_pFile->IsOpen())
         m_pFile->Flush();
-    LOG_INFO("Muxer - Close - moov write takes {} ms", lap());
+    LOG_INFO("Muxer - Close - moov write takes {} ms", Lap(clock));
     platform::RemoveFile(m_infoPath.c_str());
-    LOG_INFO("Muxer - Close - remove info file takes {} ms", lap());
+    LOG_INFO("Muxer - Close - remove info file takes {} ms", Lap(clock));
 }
 
 void CMp4Muxer::PrepareMoovBuffer()

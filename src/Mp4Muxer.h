@@ -114,7 +114,7 @@ private:
                              std::uint32_t io_mode, ExternalIoFuncs* pFunc);
     void MakeBoxes(std::uint8_t flags);
     void WriteFileHead();
-    void FinishFile();
+    void FinishFile(std::int64_t& clock);  // `clock`: its last reading, moved on by each step
     void PrepareMoovBuffer();
     std::uint32_t FailCreate(std::uint32_t status);
 

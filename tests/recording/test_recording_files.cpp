@@ -6,9 +6,11 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <csignal>
 #include <filesystem>
 #include <functional>
+#include <thread>
 
 #include <sys/resource.h>
 
@@ -511,6 +513,25 @@ TEST(AProResWriteThatFails, LeavesAsAnExceptionAndKeepsTheHandle)
     EXPECT_EQ(code, ENOSPC);
     EXPECT_EQ(mp4_write_video_frame(handle, frame.data(), 100, 0), 16u);
     EXPECT_EQ(mp4_close_file(handle), 16u);
+}
+
+TEST(TheLogOfAFailedClose, CountsTheLastStepFromTheLastReadingOfTheClock)
+{
+    LogCapture log;
+    Memory memory;
+    ExternalIoFuncs table = memory.Table();
+    mp4_handle handle = nullptr;
+    ASSERT_EQ(Create(L"clip.mp4", 0, MP4_IO_EXTERNAL, handle, &table), 0u);
+    table.write = [](void*, const void*, std::uint32_t) -> std::int32_t {
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        errno = ENOSPC;
+        return 0;
+    };
+    const StdoutCapture quiet;
+    EXPECT_EQ(mp4_close_file(handle), 16u);
+    const std::string head = "info Muxer - Close - uninit takes ";
+    ASSERT_THAT(log.Lines().back(), testing::StartsWith(head));
+    EXPECT_GE(std::stoi(log.Lines().back().substr(head.size())), 20);  // at least the sleep
 }
 
 TEST(AFailedCreate, ReportsTheWriteThatFailed)

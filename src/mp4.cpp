@@ -7,8 +7,6 @@
 #include "log.h"
 #include "platform.h"
 
-#include <spdlog/sinks/stdout_sinks.h>
-
 #include <memory>
 #include <mutex>
 #include <set>
@@ -74,8 +72,8 @@ void SetUpLogger(const spdlog::source_loc& where = Here())
         return;
     // To the logger that spdlog began with.
     kv_log::Line(where, spdlog::level::info, "lumivane mp4 library {}", kVersion);
-    const auto sink = std::make_shared<spdlog::sinks::stderr_sink_mt>();
-    spdlog::set_default_logger(std::make_shared<spdlog::logger>("msvc_logger", sink));
+    spdlog::set_default_logger(
+        std::make_shared<spdlog::logger>("msvc_logger", platform::MakeLogSink()));
     platform::SetUtf8Locale();
     g_loggerReady = true;
 }

@@ -1,11 +1,13 @@
 // The one room that knows a system: opening and removing files by wide path, 64-bit positions,
-// truncation, the clock, the locale. Everything here reports through return values and errno;
-// nothing throws and nothing is logged.
+// truncation, the clock, the locale, the logger's output. Everything here reports through return
+// values and errno; nothing throws and nothing is logged.
 #pragma once
 
 #include <cerrno>
 #include <cstdint>
 #include <cstdio>
+
+#include <spdlog/common.h>
 
 // Keeps errno over its scope.
 class CErrnoKeeper {
@@ -54,5 +56,8 @@ void SetUtf8Locale();
 // NUL if there is room; with a null `wide` only measures. The length without the NUL, or
 // SIZE_MAX for bytes that are not valid in the locale.
 std::size_t WidenPath(wchar_t* wide, const char* path, std::size_t limit);
+
+// Where the library's own logger writes: the debugger's output on Windows, standard error elsewhere.
+spdlog::sink_ptr MakeLogSink();
 
 }  // namespace platform

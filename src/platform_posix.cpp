@@ -3,8 +3,10 @@
 #include <clocale>
 #include <chrono>
 #include <cstdlib>
+#include <memory>
 #include <string>
 
+#include <spdlog/sinks/stdout_sinks.h>
 #include <unistd.h>
 
 namespace {
@@ -113,6 +115,11 @@ void SetUtf8Locale()
 std::size_t WidenPath(wchar_t* wide, const char* path, std::size_t limit)
 {
     return std::mbstowcs(wide, path, limit);
+}
+
+spdlog::sink_ptr MakeLogSink()
+{
+    return std::make_shared<spdlog::sinks::stderr_sink_mt>();
 }
 
 }  // namespace platform

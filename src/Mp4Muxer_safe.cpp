@@ -30,15 +30,17 @@ std::uint64_t CMp4Muxer::CalcNextMoovPosition(std::int64_t position) const
     const std::uint64_t minimum = m_safeParam.min_interval;
     // A 32-bit difference; all else is 64-bit, products wrap and divisions are signed.
     const std::uint64_t span = m_safeParam.max_interval - m_safeParam.min_interval;
+    // A threshold of 0 always counts as passed, also at the positions below 1 that only a caller's
+    // own output gives.
     switch (m_safeParam.strategy) {
     case 0: return p + minimum;
     case 1:
-        if (position > threshold)
+        if (position > threshold || threshold == 0)
             return p + m_safeParam.max_interval;
         return p + minimum +
                static_cast<std::uint64_t>(static_cast<std::int64_t>(span * p) / threshold);
     case 2:
-        if (position >= threshold)
+        if (position >= threshold || threshold == 0)
             return p + m_safeParam.max_interval;
         // Kept: the quotient is 0 here, and the constant 3 is part of the distance; files and
         // readers' expectations of checkpoint positions rest on it.

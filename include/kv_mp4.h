@@ -280,8 +280,10 @@ KV_MP4_API uint32_t mp4_set_metadata(mp4_handle handle, const char *key, const c
 
 /* The same with a type for "com." keys: with MP4_METADATA_BINARY and MP4_METADATA_INTEGER (a
  * signed 32-bit value in host order) `value` is `size` bytes; with any other type it is a
- * NUL-terminated string and `size` is not used. `key_namespace` is a text of which four bytes
- * count; null means "mdta". */
+ * NUL-terminated string and the media file does not use `size`. With MP4_OPEN_INFO_FILE `size`
+ * must be right for every type but MP4_METADATA_TEXT, for "com." keys and others alike: so many
+ * bytes of `value` go into the info file, and 0 of them end it and give MP4_ERR_FAILED.
+ * `key_namespace` is a text of which four bytes count; null means "mdta". */
 KV_MP4_API uint32_t mp4_set_metadata_ex(mp4_handle handle, const char *key, const void *value,
                                         uint32_t size, uint32_t type, const char *key_namespace);
 

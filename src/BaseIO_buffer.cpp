@@ -56,8 +56,8 @@ void CBufferIO::Flush()
 {
     if (!m_sink)
         return;
-    // The sink takes no empty writes.
-    if (m_sink->IsOpen() && static_cast<std::uint32_t>(m_size) != 0)
+    // The sink takes no empty writes. A failed Reserve keeps the size and drops the store.
+    if (m_sink->IsOpen() && m_data && static_cast<std::uint32_t>(m_size) != 0)
         m_sink->Write(m_data, static_cast<std::uint32_t>(m_size));
     m_pos = 0;
     m_size = 0;
@@ -65,7 +65,7 @@ void CBufferIO::Flush()
 
 void CBufferIO::Read(void* buffer, std::uint32_t size)
 {
-    if (m_pos + size > m_size)
+    if (m_pos + size > m_size || (size != 0 && !m_data))
         FailRead(errno);
     if (size != 0)
         std::memcpy(buffer, m_data + m_pos, size);

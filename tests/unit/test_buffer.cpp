@@ -171,6 +171,19 @@ TEST_F(Buffer, AGrowthThatDoesNotFit32BitsFailsAndDropsTheStore)
     EXPECT_EQ(buffer.Size(), 3u);
 }
 
+TEST_F(Buffer, WithoutItsStoreHasNothingToFlushOrToRead)
+{
+    Put("abc");
+    CodeOf([&] { buffer.Reserve(0x80000000u); });
+    ASSERT_EQ(buffer.Size(), 3u);
+    char byte = 0;
+    errno = ENOENT;
+    EXPECT_EQ(CodeOf([&] { buffer.Read(&byte, 1); }), ENOENT);
+    EXPECT_EQ(CodeOf([&] { buffer.Flush(); }), INT32_MIN);
+    EXPECT_EQ(buffer.Size(), 0u);
+    EXPECT_EQ(sink.Size(), 0u);
+}
+
 TEST_F(Buffer, ACountThatWrapsTogetherWithThePositionFailsToo)
 {
     Put("abc");

@@ -76,18 +76,19 @@ bool IFileIOBase::Close()
 
 std::int64_t IFileIOBase::Tell()
 {
-    return platform::Tell(m_stream);
+    return m_stream ? platform::Tell(m_stream) : 0;
 }
 
 void IFileIOBase::Seek(std::int64_t offset, std::int32_t origin)
 {
-    if (platform::Seek(m_stream, offset, origin) != 0)
+    if (m_stream && platform::Seek(m_stream, offset, origin) != 0)
         FailSeek(errno);
 }
 
 void IFileIOBase::Flush()
 {
-    if (std::fflush(m_stream) != 0)
+    // Not opened: fflush(NULL) would flush every stream of the process.
+    if (m_stream && std::fflush(m_stream) != 0)
         FailWrite(errno);
 }
 

@@ -185,6 +185,19 @@ TEST_F(FileWriter, ClosingTwiceOrUnopenedIsHarmless)
     EXPECT_EQ(writer.m_state, 0);
 }
 
+TEST_F(FileWriter, WithoutAStreamIsAtZeroAndSeeksAndFlushesNothing)
+{
+    CFileWriter writer;
+    ASSERT_EQ(writer.Init(Path("a").c_str(), 0, 0), 0u);
+    writer.Write("abc", 3);
+    EXPECT_EQ(writer.Tell(), 3);
+    writer.Close();
+    EXPECT_EQ(writer.Tell(), 0);
+    writer.Seek(-1, kSeekStart);
+    writer.Flush();
+    EXPECT_EQ(writer.m_state, 0);
+}
+
 TEST_F(FileWriter, OpenFailuresGiveTheStatusOfErrnoAndStayClosed)
 {
     CFileWriter writer;

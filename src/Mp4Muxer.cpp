@@ -214,8 +214,10 @@ void CMp4Muxer::FinishFile(std::int64_t& clock)
         if (m_moov)
             m_moov->Write();
     }
-    // What the stream still holds must reach the system before the log goes: a disk that fills up
-    // here keeps it. A caller's own output sees no such call.
+    // The one flush that no box or checkpoint asks for: otherwise the stream would hand over its
+    // last bytes when it closes, behind the removal of the log and with nobody to see it fail. A
+    // disk that fills up in them so fails the close and keeps the log. Local files only: a caller's
+    // own output sees exactly the calls of the close itself.
     if (m_pFile && m_pFile->IsLocal() && m_pFile->IsOpen())
         m_pFile->Flush();
     LOG_INFO("Muxer - Close - moov write takes {} ms", Lap(clock));

@@ -42,58 +42,79 @@ Bytes Full(const std::string& type, std::initializer_list<std::uint32_t> words)
     return Boxed(type, payload);
 }
 
-// The parts of a sound little file: two tracks whose samples alternate in mdat from byte 20 on,
+// A sample entry of video, 160x120, with its extensions.
+Bytes VideoEntry(const std::string& type, const Bytes& extensions)
+{
+    return Boxed(type, Bytes(6, 0) + Hex("0001") + Bytes(16, 0) + Hex("00A0 0078") + Bytes(50, 0) +
+                           extensions);
+}
+
+// The parts of a sound little file: two tracks whose samples alternate in mdat from byte 28 on,
 // video of 3 and 4 bytes 500 ms apart and sound of 2 and 2 bytes.
 struct Parts {
+    Bytes mdat = Bytes(11, 7);
+    Bytes entry = VideoEntry("apcn", Hex("0000000A 'fiel' 0100 00000010 'pasp' 00000001 00000001"));
     Bytes videoStts = Full("stts", {1, 2, 500});
     Bytes videoStsz = Full("stsz", {0, 2, 3, 4});
     Bytes videoStsc = Full("stsc", {1, 1, 1, 1});
-    Bytes videoStco = Full("stco", {2, 20, 25});
+    Bytes videoStco = Full("stco", {2, 28, 33});
     Bytes videoStss = Full("stss", {1, 1});
     std::uint32_t videoDuration = 1000;
     std::uint32_t movieDuration = 1000;
+    std::uint32_t width = 160;
     std::uint32_t soundId = 2;
-    Bytes soundStco = Full("stco", {2, 23, 29});
+    Bytes soundHeader = Full("smhd", {0});
+    Bytes esds = Full("esds", {}) + Hex("03 80808022 0002 00 04 80808014 40 15 000000 00000000 "
+                                        "00000000 05 80808002 1190 06 80808001 02");
+    Bytes soundStco = Full("stco", {2, 31, 37});
     Bytes ilst = Boxed("ilst", {});
 
     static Bytes Track(std::uint32_t id, const std::string& handler, std::uint32_t duration,
+                       std::uint32_t width, const Bytes& header, const Bytes& entry,
                        const Bytes& tables)
     {
-        const Bytes tkhd = Full("tkhd", {0, 0, id, 0, duration}) + Bytes(60, 0);
-        Bytes head = tkhd;
-        head[3] = 92;
+        const Bytes tkhd = Full("tkhd", {0, 0, id, 0, duration}) + Bytes(52, 0) +
+                           Word(width << 16) + Word(width == 0 ? 0 : 120 << 16);
         const Bytes hdlr = Boxed("hdlr", Hex("00000000 'mhlr'") +
                                              Bytes(handler.begin(), handler.end()) + Bytes(13, 0));
-        const Bytes url = Boxed("hdlr", Hex("00000000 'dhlr' 'url '") + Bytes(13, 0));
+        const Bytes data = Boxed("hdlr", Hex("00000000 'dhlr' 'url '") + Bytes(12, 0) +
+                                             Hex("02 'ab'"));
         const Bytes dinf = Boxed("dinf", Boxed("dref", Hex("00000000 00000001") +
                                                            Full("url ", {})));
-        const Bytes stsd = Boxed("stsd", Hex("00000000 00000001") + Boxed("c608", Bytes(8, 0)));
-        const Bytes mdia =
-            Boxed("mdia", Full("mdhd", {0, 0, 1000, duration, 0x55C40000}) + hdlr +
-                              Boxed("minf", url + dinf + Boxed("stbl", stsd + tables)));
+        const Bytes stsd = Boxed("stsd", Hex("00000000 00000001") + entry);
+        const Bytes minf = Boxed("minf", header + data + dinf + Boxed("stbl", stsd + tables));
+        const Bytes mdhd = Full("mdhd", {0, 0, 1000, duration, 0x55C40000});
         const Bytes edts = Boxed("edts", Full("elst", {1, duration, 0, 0x10000}));
-        return Boxed("trak", head + edts + mdia);
+        return Boxed("trak", Sized(tkhd, 92) + edts + Boxed("mdia", mdhd + hdlr + minf));
+    }
+
+    // A box whose size field is below 256, set anew.
+    static Bytes Sized(Bytes box, std::uint8_t size)
+    {
+        box[3] = size;
+        return box;
     }
 
     Bytes File() const
     {
-        Bytes mvhd = Full("mvhd", {0, 0, 1000, movieDuration}) + Bytes(76, 0) + Word(3);
-        mvhd[3] = 108;
-        const Bytes video = Track(1, "vide", videoDuration,
+        // Esds and mvhd are more than the words that their boxes were made of.
+        const Bytes mvhd = Full("mvhd", {0, 0, 1000, movieDuration}) + Bytes(76, 0) + Word(3);
+        const Bytes video = Track(1, "vide", videoDuration, width, Full("vmhd", {0, 0}), entry,
                                   videoStts + videoStsz + videoStsc + videoStco + videoStss);
-        const Bytes sound = Track(soundId, "soun", 40,
+        const Bytes sound = Track(soundId, "soun", 40, 0, soundHeader,
+                                  Boxed("mp4a", Bytes(28, 0) + Sized(esds, 51)),
                                   Full("stts", {1, 2, 20}) + Full("stsz", {2, 2}) +
                                       Full("stsc", {1, 1, 1, 1}) + soundStco);
-        const Bytes meta = Boxed("meta", Word(0) + ilst);
-        return Boxed("ftyp", Hex("'abcd'")) + Boxed("mdat", Bytes(11, 7)) +
-               Boxed("moov", mvhd + video + sound + Boxed("udta", meta));
+        const Bytes meta = Boxed("meta", Word(0) + Boxed("hdlr", Bytes(25, 0)) + ilst);
+        return Boxed("ftyp", Hex("'abcd' 00000000 'abcd'")) + Boxed("mdat", mdat) +
+               Boxed("moov", Sized(mvhd, 108) + video + sound + Boxed("udta", meta));
     }
 
     // The complaint that this one change must bring.
     void Expect(const std::string& complaint) const
     {
-        EXPECT_THAT(CheckFile(Parts{}.File()), IsEmpty());  // the control
-        EXPECT_THAT(CheckFile(File()), Contains(HasSubstr(complaint)));
+        EXPECT_THAT(CheckFile(Parts{}.File(), true), IsEmpty());  // the control
+        EXPECT_THAT(CheckFile(File(), true), Contains(HasSubstr(complaint)));
     }
 };
 
@@ -104,8 +125,8 @@ struct Parts {
 TEST(Walker, PicksATrackByItsHandler)
 {
     const BoxFile file(Parts{}.File());
-    EXPECT_THAT(file.Box("moov/trak.soun/mdia/minf/stbl/stco"), ReadsAs("stco  23, 29"));
-    EXPECT_THAT(file.Box("moov/trak.vide/mdia/minf/stbl/stco"), ReadsAs("stco  20, 25"));
+    EXPECT_THAT(file.Box("moov/trak.soun/mdia/minf/stbl/stco"), ReadsAs("stco  31, 37"));
+    EXPECT_THAT(file.Box("moov/trak.vide/mdia/minf/stbl/stco"), ReadsAs("stco  28, 33"));
     EXPECT_FALSE(file.Has("moov/trak.tmcd"));
 }
 
@@ -212,6 +233,56 @@ TEST(Checker, FindsBytesBehindTheLastChild)
     EXPECT_THAT(CheckFile(file), ElementsAre("file: 1 bytes behind the last child"));
 }
 
+TEST(Checker, FindsBoxesInTheWrongPlace)
+{
+    Parts parts;
+    parts.soundHeader = Full("smhd", {0}) + Boxed("free", {});
+    parts.Expect("minf holds smhd,free,hdlr,dinf,stbl,");
+    parts.soundHeader = Full("vmhd", {0, 0});
+    parts.Expect("trak.soun: holds vmhd");
+    parts.soundHeader = Full("smhd", {0, 0});
+    parts.Expect("minf: smhd has 20 bytes, not 16");
+    parts = {};
+    parts.entry = VideoEntry("apcn", Boxed("pasp", Bytes(8, 0)));
+    parts.Expect("apcn holds pasp,");
+}
+
+TEST(Checker, FindsConfigurationsThatDoNotHoldTogether)
+{
+    Parts parts;
+    ++parts.esds[16];  // the outermost length
+    parts.Expect("mp4a: esds does not hold together");
+    const Bytes sets = Hex("0004 67640010 01 0002 68EB");
+    parts = {};
+    parts.mdat = Hex("00000000 07 0000000000 07");
+    parts.entry = VideoEntry("avc1", Boxed("avcC", Hex("01 640010 FF E1") + sets));
+    parts.Expect("trak.vide: units do not fill sample 1");
+    parts.entry = VideoEntry("avc1", Boxed("avcC", Hex("01 640011 FF E1") + sets));
+    parts.Expect("avc1: avcC does not hold together");
+    parts.entry = VideoEntry("hev1", Boxed("hvcC", Bytes(23, 0)));
+    parts.Expect("hev1: hvcC does not hold together");
+}
+
+TEST(Checker, FindsBytesThatBelongToNoSample)
+{
+    Parts parts;
+    parts.mdat = Bytes(12, 7);
+    EXPECT_THAT(CheckFile(parts.File()), IsEmpty());  // a gap is no damage of its own
+    parts.Expect("bytes from 39 on belong to no sample");
+    parts = {};
+    parts.videoStco = Full("stco", {2, 28, 34});
+    parts.mdat = Bytes(12, 7);
+    parts.soundStco = Full("stco", {2, 31, 38});
+    parts.Expect("bytes from 33 on belong to no sample");
+}
+
+TEST(Checker, FindsPicturesOfTwoSizes)
+{
+    Parts parts;
+    parts.width = 161;
+    parts.Expect("trak.vide: tkhd and sample entry have pictures of other sizes");
+}
+
 TEST(Checker, FindsSampleCountsThatDiffer)
 {
     Parts parts;
@@ -224,7 +295,7 @@ TEST(Checker, FindsSampleCountsThatDiffer)
     parts.videoStsc = Full("stsc", {1, 1, 2, 1});
     parts.Expect("trak.vide: stsc covers 4 of 2 samples");
     parts = {};
-    parts.videoStco = Full("stco", {1, 20});
+    parts.videoStco = Full("stco", {1, 28});
     parts.Expect("trak.vide: stsc covers 1 of 2 samples");
 }
 
@@ -237,6 +308,9 @@ TEST(Checker, FindsRunsThatAreNotOne)
     parts.videoStsc = Full("stsc", {2, 1, 1, 1, 2, 1, 1});
     parts.Expect("stsc has two runs in place of one");
     parts = {};
+    parts.videoStsz = Full("stsz", {0, 2, 3, 3});
+    parts.Expect("stsz lists sizes that are all the same");
+    parts = {};
     parts.videoStsc = Full("stsc", {1, 2, 1, 1});
     parts.Expect("stsc does not begin with chunk 1");
 }
@@ -244,18 +318,18 @@ TEST(Checker, FindsRunsThatAreNotOne)
 TEST(Checker, FindsChunksOutsideMdat)
 {
     Parts parts;
-    parts.videoStco = Full("stco", {2, 19, 25});
+    parts.videoStco = Full("stco", {2, 27, 33});
     parts.Expect("trak.vide: chunk 1 is outside mdat");
     parts = {};
-    parts.soundStco = Full("stco", {2, 23, 30});
+    parts.soundStco = Full("stco", {2, 31, 38});
     parts.Expect("trak.soun: chunk 2 is outside mdat");
 }
 
 TEST(Checker, FindsSamplesThatOverlap)
 {
     Parts parts;
-    parts.soundStco = Full("stco", {2, 22, 29});
-    parts.Expect("a sample of soun at 22 overlaps the one before");
+    parts.soundStco = Full("stco", {2, 30, 37});
+    parts.Expect("a sample of soun at 30 overlaps the one before");
 }
 
 TEST(Checker, FindsBadSyncSamples)
@@ -268,14 +342,14 @@ TEST(Checker, FindsBadSyncSamples)
     parts.Expect("stss does not rise");
     parts = {};
     parts.videoStss = {};
-    parts.Expect("stss belongs to video tracks alone");
+    parts.Expect("trak.vide: holds stsd,stts,stsz,stsc,stco,");
 }
 
 TEST(Checker, FindsTimesThatCannotBe)
 {
     Parts parts;
-    parts.videoDuration = 499;
-    parts.Expect("mdhd duration 499 ends before the last sample at 500");
+    parts.videoDuration = 999;
+    parts.Expect("mdhd duration 999 is not what stts says, with the last sample at 500");
     parts = {};
     parts.movieDuration = 999;
     parts.Expect("mvhd: duration 999 is not that of the longest track, 1000");

@@ -62,12 +62,13 @@ public:
     std::uint16_t U16(std::size_t at) const;
     std::uint32_t U32(std::size_t at) const;
     std::uint64_t U64(std::size_t at) const;
+    // The four-character code at a place.
+    std::string Code(std::size_t at) const;
     // The handler of a "trak": its word at offset 16, or "clcp", which stands at offset 12.
     std::string Handler(const BoxNode& track) const;
 
 private:
     void Parse(BoxNode& parent, std::string_view grandparent);
-    std::string Code(std::size_t at) const;
 
     Bytes m_bytes;
     BoxNode m_root;

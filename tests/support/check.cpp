@@ -1,12 +1,26 @@
 #include "support/check.h"
 
 #include <algorithm>
+#include <map>
 #include <set>
 #include <utility>
 
 namespace kvtest {
 
 namespace {
+
+// What the tracks of each handler hold.
+struct Kind {
+    const char* header;  // of minf, as a pattern
+    const char* tables;  // of stbl, as a pattern
+    const char* entry;   // of stsd, as a pattern
+};
+const std::map<std::string, Kind> kKinds = {
+    {"vide", {"vmhd", "stsd,stts,stsz,stsc,(stco|co64),stss,", "avc1|hev1|apc[osnh]|ap4[hx]"}},
+    {"soun", {"smhd", "stsd,stts,stsz,stsc,(stco|co64),", "mp4a"}},
+    {"tmcd", {"[ng]mhd", "stsd,stts,stsc,stsz,(stco|co64),", "tmcd"}},
+    {"clcp", {"gmhd", "stsd,stts,stsz,stsc,stco,", "c[67]08"}},
+};
 
 struct Sample {
     std::uint64_t begin;
@@ -16,21 +30,25 @@ struct Sample {
 
 class CFileCheck {
 public:
-    explicit CFileCheck(const Bytes& bytes) : m_file(bytes), m_complaints(m_file.Damage()) {}
+    CFileCheck(const Bytes& bytes, bool filled)
+        : m_file(bytes), m_filled(filled), m_complaints(m_file.Damage())
+    {
+        if (m_complaints.empty())
+            m_complaints = CheckShape(m_file);
+    }
 
     std::vector<std::string> Run()
     {
-        Layout();
-        const BoxNode* moov = m_file.Node("moov");
-        if (!moov || !m_complaints.empty())
-            return std::move(m_complaints);  // without sound sizes the rest would only echo
-        Movie(*moov);
-        for (const BoxNode& child : moov->children)
+        if (!m_complaints.empty())
+            return std::move(m_complaints);  // without sound boxes the rest would only echo
+        const BoxNode& moov = *m_file.Node("moov");
+        Movie(moov);
+        for (const BoxNode& child : moov.children)
             if (child.type == "trak")
                 Track(child);
-        MovieDuration();
-        Overlaps();
-        Metadata(*moov);
+        Durations();
+        Coverage();
+        Metadata(moov);
         return std::move(m_complaints);
     }
 
@@ -42,16 +60,7 @@ private:
             Complain(what);
     }
 
-    // ---- The file and the movie
-
-    void Layout()
-    {
-        const auto boxes = m_file.Children("");
-        for (const char* type : {"ftyp", "mdat", "moov"})
-            Expect(std::count(boxes.begin(), boxes.end(), type) == 1,
-                   std::string("not one ") + type);
-        Expect(!boxes.empty() && boxes.front() == "ftyp", "ftyp is not first");
-    }
+    // ---- The movie
 
     void Movie(const BoxNode& moov)
     {
@@ -74,7 +83,7 @@ private:
             Complain("missing");
             return {nullptr, false};
         }
-        const std::uint8_t version = m_file.All()[box->span.begin + 8];
+        const std::uint8_t version = m_file.All().at(box->span.begin + 8);
         if (version > 1 || box->span.Size() != (version ? broad : narrow)) {
             Complain("version " + std::to_string(version) + " with " +
                      std::to_string(box->span.Size()) + " bytes");
@@ -83,8 +92,14 @@ private:
         return {box, version == 1};
     }
 
-    void MovieDuration()
+    void Durations()
     {
+        // Nothing but the video's duration makes that of the time code.
+        if (m_timeCode.timescale != 0 && m_video.timescale != 0)
+            Expect(m_timeCode.duration ==
+                       m_video.duration * m_timeCode.timescale / m_video.timescale,
+                   "trak.tmcd: duration " + std::to_string(m_timeCode.duration) +
+                       " is not the video's");
         m_where = "mvhd: ";
         const std::uint64_t longest =
             m_playing.empty() ? 0 : *std::max_element(m_playing.begin(), m_playing.end());
@@ -99,27 +114,53 @@ private:
     {
         const std::string handler = m_file.Handler(track);
         m_where = "trak." + handler + ": ";
-        for (const char* path : {"tkhd", "edts/elst", "mdia/mdhd", "mdia/hdlr", "mdia/minf/hdlr",
-                                 "mdia/minf/dinf/dref/url ", "mdia/minf/stbl/stsd",
-                                 "mdia/minf/stbl/stts", "mdia/minf/stbl/stsz",
-                                 "mdia/minf/stbl/stsc"})
-            if (!track.At(path))
-                return Complain(std::string("no ") + path);
-        const BoxNode& stbl = *track.At("mdia/minf/stbl");
-        Expect((stbl.Child("stco") != nullptr) != (stbl.Child("co64") != nullptr),
-               "not one of stco and co64");
-        Expect((stbl.Child("stss") != nullptr) == (handler == "vide"),
-               "stss belongs to video tracks alone");
-        EntryCount(*track.At("mdia/minf/dinf/dref"));
-        EntryCount(*stbl.Child("stsd"));
-        m_descriptions = stbl.Child("stsd")->children.size();
+        const auto kind = kKinds.find(handler);
+        if (kind == kKinds.end())
+            return Complain("no handler that is known");
+        const BoxNode& minf = *track.At("mdia/minf");
+        const BoxNode& stbl = *minf.Child("stbl");
+        const BoxNode& stsd = *stbl.Child("stsd");
+        const std::string entry = stsd.children[0].type;
+        const auto& [header, tables, entryKinds] = kind->second;
+        for (const auto& [text, pattern] :
+             {std::pair(minf.children[0].type, header), std::pair(TypeList(stbl), tables),
+              std::pair(entry, entryKinds)})
+            if (!TypesMatch(text, pattern))
+                return Complain("holds " + text);
+        EntryCount(*minf.At("dinf/dref"));
+        EntryCount(stsd);
 
         const std::vector<std::uint64_t> sizes = Sizes(*stbl.Child("stsz"));
-        const std::uint64_t span = TimeToSample(*stbl.Child("stts"), sizes.size());
+        const auto deltas = Entries(*stbl.Child("stts"), 8);
+        TimeToSample(deltas, sizes.size());
+        const std::size_t first = m_samples.size();
         Chunks(stbl, sizes, handler);
+        if (entry == "avc1" || entry == "hev1")
+            for (std::size_t i = first; i < m_samples.size(); ++i)
+                Units(m_samples[i], i - first + 1);
+        bool fromZero = false;  // without a key frame first, the duration counts from 0
         if (const BoxNode* stss = stbl.Child("stss"))
-            SyncSamples(*stss, sizes.size());
-        Times(track, handler, span);
+            fromZero = !SyncSamples(*stss, sizes.size());
+        Times(track, handler, deltas, fromZero);
+        if (handler == "vide")
+            PictureSize(track, stsd.children[0]);
+    }
+
+    void Units(const Sample& sample, std::size_t number)
+    {
+        const bool inside = sample.end <= m_file.All().size();
+        Expect(inside && UnitsFill(m_file, static_cast<std::size_t>(sample.begin),
+                                   static_cast<std::size_t>(sample.end)),
+               "units do not fill sample " + std::to_string(number));
+    }
+
+    void PictureSize(const BoxNode& track, const BoxNode& entry)
+    {
+        const std::size_t end = track.Child("tkhd")->span.end;
+        const std::size_t begin = entry.span.begin;
+        Expect(m_file.U32(end - 8) == std::uint32_t{m_file.U16(begin + 32)} << 16 &&
+                   m_file.U32(end - 4) == std::uint32_t{m_file.U16(begin + 34)} << 16,
+               "tkhd and sample entry have pictures of other sizes");
     }
 
     void EntryCount(const BoxNode& box)
@@ -159,24 +200,21 @@ private:
             return {};
         }
         const auto words = Words(m_file.Box(stsz), 20);
+        Expect(std::adjacent_find(words.begin(), words.end(), std::not_equal_to<>()) != words.end(),
+               "stsz lists sizes that are all the same");
         return {words.begin(), words.end()};
     }
 
-    // The time between the first and the last sample.
-    std::uint64_t TimeToSample(const BoxNode& stts, std::size_t samples)
+    void TimeToSample(const std::vector<std::uint32_t>& entries, std::size_t samples)
     {
-        const auto entries = Entries(stts, 8);
         std::uint64_t count = 0;
-        std::uint64_t time = 0;
         for (std::size_t i = 0; i + 1 < entries.size(); i += 2) {
             Expect(entries[i] != 0, "stts has an empty run");
             Expect(i == 0 || entries[i + 1] != entries[i - 1], "stts has two runs in place of one");
             count += entries[i];
-            time += std::uint64_t{entries[i]} * entries[i + 1];
         }
         Expect(count == samples, "stts covers " + std::to_string(count) + " of " +
                                      std::to_string(samples) + " samples");
-        return entries.empty() ? 0 : time - entries.back();
     }
 
     void Chunks(const BoxNode& stbl, const std::vector<std::uint64_t>& sizes,
@@ -199,7 +237,7 @@ private:
             Expect(i == 0 || runs[i + 1] != runs[i - 2], "stsc has two runs in place of one");
             Expect(runs[i] <= chunks.size(), "stsc names a chunk that is not there");
             Expect(runs[i + 1] != 0, "stsc has an empty chunk");
-            Expect(runs[i + 2] >= 1 && runs[i + 2] <= m_descriptions,
+            Expect(runs[i + 2] == 1,
                    "stsc names a description that is not there");
         }
         const BoxNode& mdat = *m_file.Node("mdat");
@@ -223,18 +261,39 @@ private:
                                             std::to_string(sizes.size()) + " samples");
     }
 
-    void SyncSamples(const BoxNode& stss, std::size_t samples)
+    // Whether the first sample is a key frame.
+    bool SyncSamples(const BoxNode& stss, std::size_t samples)
     {
         std::uint32_t last = 0;
-        for (const std::uint32_t number : Entries(stss, 4)) {
+        const auto numbers = Entries(stss, 4);
+        for (const std::uint32_t number : numbers) {
             Expect(number > last, "stss does not rise");
             Expect(number <= samples, "stss names a sample that is not there");
             last = number;
         }
+        return !numbers.empty() && numbers[0] == 1;
     }
 
-    // `span` is the time from the first to the last sample.
-    void Times(const BoxNode& track, const std::string& handler, std::uint64_t span)
+    // A duration is the time from the first to the last sample and a delta of the track's own.
+    void MediaDuration(std::uint64_t duration, const std::vector<std::uint32_t>& deltas,
+                       bool fromZero)
+    {
+        std::uint64_t end = 0;
+        for (std::size_t i = 0; i + 1 < deltas.size(); i += 2)
+            end += std::uint64_t{deltas[i]} * deltas[i + 1];
+        if (deltas.empty() || end == 0)
+            return;  // a lone sample of unknown duration, or times that stand still
+        const std::uint64_t span = end - deltas.back();
+        bool known = fromZero && duration >= span;
+        for (std::size_t i = 1; i < deltas.size(); i += 2)
+            known = known || duration == span + deltas[i];
+        Expect(known, "mdhd duration " + std::to_string(duration) +
+                          " is not what stts says, with the last sample at " +
+                          std::to_string(span));
+    }
+
+    void Times(const BoxNode& track, const std::string& handler,
+               const std::vector<std::uint32_t>& deltas, bool fromZero)
     {
         const std::string where = m_where;
         m_where = where + "tkhd ";
@@ -257,9 +316,8 @@ private:
         const std::uint64_t duration =
             wideMedia ? m_file.U64(media + 32) : m_file.U32(media + 24);
         Expect(timescale != 0, "timescale 0");
-        // Behind the last sample's time there is only its own duration.
-        Expect(duration >= span, "mdhd duration " + std::to_string(duration) +
-                                     " ends before the last sample at " + std::to_string(span));
+        if (handler != "tmcd")
+            MediaDuration(duration, deltas, fromZero);
         Expect(duration >> 62 == 0, "mdhd duration is negative");
 
         const std::size_t head = tkhd->span.begin;
@@ -276,22 +334,31 @@ private:
                "elst does not begin at 0");
         if (handler == "vide" || handler == "soun")
             m_playing.push_back(inMovie);
+        if (handler == "vide")
+            m_video = {duration, timescale};
+        if (handler == "tmcd")
+            m_timeCode = {duration, timescale};
     }
 
     // ---- All tracks together
 
-    void Overlaps()
+    void Coverage()
     {
         m_where.clear();
+        const BoxNode& mdat = *m_file.Node("mdat");
         std::stable_sort(m_samples.begin(), m_samples.end(),
                          [](const Sample& a, const Sample& b) { return a.begin < b.begin; });
-        std::uint64_t end = 0;
+        std::uint64_t end = mdat.span.begin + mdat.header;
         for (const Sample& sample : m_samples) {
             Expect(sample.begin >= end || sample.begin == sample.end,
                    "a sample of " + sample.track + " at " + std::to_string(sample.begin) +
                        " overlaps the one before");
+            Expect(!m_filled || sample.begin <= end,
+                   "bytes from " + std::to_string(end) + " on belong to no sample");
             end = std::max(end, sample.end);
         }
+        Expect(!m_filled || end == mdat.span.end,
+               "bytes from " + std::to_string(end) + " on belong to no sample");
     }
 
     void Metadata(const BoxNode& moov)
@@ -308,10 +375,7 @@ private:
             }
             Expect(at == box->span.end && found == keys, "keys do not fill their box");
         }
-        const BoxNode* ilst = moov.At("udta/meta/ilst");
-        if (!ilst)
-            return Complain("no ilst");
-        for (const BoxNode& item : ilst->children) {
+        for (const BoxNode& item : moov.At("udta/meta/ilst")->children) {
             Expect(item.children.size() == 1 && item.children[0].type == "data" &&
                        item.children[0].span.Size() >= 16,
                    "an item without its data");
@@ -322,22 +386,28 @@ private:
     }
 
     const BoxFile m_file;
+    const bool m_filled;
     std::vector<std::string> m_complaints;
     std::string m_where;  // begins each complaint
     std::uint32_t m_movieTimescale = 0;
     std::uint64_t m_movieDuration = 0;
     std::uint32_t m_nextTrackId = 0;
-    std::size_t m_descriptions = 0;          // entries in the current track's stsd
     std::set<std::uint32_t> m_ids;
-    std::vector<std::uint64_t> m_playing;    // durations of the video and audio tracks
-    std::vector<Sample> m_samples;           // of all tracks
+    std::vector<std::uint64_t> m_playing;  // durations of the video and audio tracks
+    std::vector<Sample> m_samples;         // of all tracks
+    struct MediaTime {
+        std::uint64_t duration = 0;
+        std::uint32_t timescale = 0;
+    };
+    MediaTime m_video;
+    MediaTime m_timeCode;
 };
 
 }  // namespace
 
-std::vector<std::string> CheckFile(const Bytes& bytes)
+std::vector<std::string> CheckFile(const Bytes& bytes, bool filled)
 {
-    return CFileCheck(bytes).Run();
+    return CFileCheck(bytes, filled).Run();
 }
 
 }  // namespace kvtest

@@ -23,10 +23,25 @@ public:
         U(length, 0);
         return U(length + 1, value + 1);
     }
-    // With a stop bit, padded to whole bytes.
-    std::string Bytes() const
+    // Positive values have the odd codes.
+    CBits& Se(std::int32_t value)
     {
-        std::string bits = m_bits + '1';
+        return Ue(static_cast<std::uint32_t>(value > 0 ? 2 * value - 1 : -2 * value));
+    }
+    CBits& Add(const CBits& more)
+    {
+        m_bits += more.m_bits;
+        return *this;
+    }
+    std::size_t Size() const { return m_bits.size(); }
+    // With a stop bit, padded to whole bytes.
+    std::string Bytes() const { return Packed(m_bits + '1'); }
+    // As they stand, padded with zeros to whole bytes.
+    std::string Bare() const { return Packed(m_bits); }
+
+private:
+    static std::string Packed(std::string bits)
+    {
         bits.resize((bits.size() + 7) / 8 * 8, '0');
         std::string bytes;
         for (std::size_t i = 0; i < bits.size(); i += 8)
@@ -34,9 +49,24 @@ public:
         return bytes;
     }
 
-private:
     std::string m_bits;
 };
+
+// With emulation prevention bytes: two zeros before 0 to 3 get a 03 between.
+inline std::string Escaped(const std::string& rbsp)
+{
+    std::string bytes;
+    int zeros = 0;
+    for (const char c : rbsp) {
+        if (zeros == 2 && static_cast<unsigned char>(c) <= 3) {
+            bytes += '\x03';
+            zeros = 0;
+        }
+        bytes += c;
+        zeros = c == 0 ? zeros + 1 : 0;
+    }
+    return bytes;
+}
 
 // Main profile, level 3.1, escaped.
 inline const std::string kMainLevel31 = Hex("01 60 00 00 03 00 90 00 00 03 00 00 03 00 5d");

@@ -1,7 +1,8 @@
 #!/usr/bin/env python3
-"""`kvmp4 record` on real streams: what it makes is judged by ffprobe and by decoding.
+"""`kvmp4 record` on real streams: what it makes is judged by ffprobe, by decoding and by the strict
+checker of the tests.
 
-    test_record.py KVMP4 [unittest arguments]
+    test_record.py KVMP4 CHECK_FILE [unittest arguments]
 """
 import json
 import os
@@ -13,6 +14,7 @@ import time
 import unittest
 
 KVMP4 = os.path.abspath(sys.argv.pop(1))
+CHECK_FILE = os.path.abspath(sys.argv.pop(1))
 
 VIDEO = {
     "h264": ["-c:v", "libx264", "-preset", "ultrafast", "-bf", "0", "-g", "10"],
@@ -88,7 +90,17 @@ class Record(unittest.TestCase):
         output = self.path(name)
         result = self.record("-y", "-i", source, "-o", output, *arguments)
         self.assertEqual((result.returncode, result.stderr), (0, ""))
+        self.assertEqual(self.findings(output, *arguments), [])
         return output
+
+    def findings(self, output, *arguments):
+        """What the strict checker finds wrong with a recording that these arguments made."""
+        forms = [a for a in arguments if [a] in FLAGS.values()]
+        result = run(CHECK_FILE, *forms, output)
+        self.assertEqual(result.stderr, "")
+        found = result.stdout.splitlines()
+        self.assertEqual(result.returncode, 1 if found else 0)
+        return found
 
     def check_equal(self, source, output, audio=True):
         for kind in "va" if audio else "v":
@@ -114,6 +126,24 @@ class Record(unittest.TestCase):
                                 reference = [decoded(output, "v"), packets(output, "v")]
                             self.assertEqual([decoded(output, "v"), packets(output, "v")],
                                              reference)
+
+    def test_the_checker_finds_damage(self):
+        sound = self.recorded(self.source("hevc"), "sound.mp4", "--version1")
+        with open(sound, "rb") as file:
+            content = file.read()
+        for box, offset in ((b"stco", 15), (b"stsz", 17), (b"hvcC", 4), (b"moov", -1)):
+            damaged = bytearray(content)
+            damaged[content.rindex(box) + offset] ^= 1
+            with open(self.path("damaged.mp4"), "wb") as file:
+                file.write(damaged)
+            with self.subTest(box=box):
+                self.assertNotEqual(self.findings(self.path("damaged.mp4"), "--version1"), [])
+        with open(self.path("damaged.mp4"), "wb") as file:
+            file.write(content[:-1])
+        self.assertNotEqual(self.findings(self.path("damaged.mp4"), "--version1"), [])
+        self.assertIn("mvhd has the other version", self.findings(sound))
+        self.assertIn("mdat has the other form",
+                      self.findings(sound, "--version1", "--large-file"))
 
     def test_times_of_a_constant_rate_are_exact(self):
         output = self.recorded(self.source("h264", "adts"), "exact.mp4")

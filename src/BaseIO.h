@@ -103,14 +103,16 @@ public:
 class ExternalWriter final : public IFileIO {
 public:
     explicit ExternalWriter(ExternalIoFuncs* funcs) : m_funcs(funcs) {}
-    ~ExternalWriter() override = default;  // does not call `close`
+    // Kept: does not call `close`; an output that was never closed stays the caller's to end.
+    ~ExternalWriter() override = default;
     ExternalWriter(const ExternalWriter&) = delete;
     ExternalWriter& operator=(const ExternalWriter&) = delete;
 
     bool Close() override;
     std::int64_t Tell() override;
-    void Seek(std::int64_t offset, std::int32_t origin) override;  // cannot fail
-    void Flush() override;                                         // cannot fail
+    // Kept: these two cannot fail; a caller's table reports through its next write alone.
+    void Seek(std::int64_t offset, std::int32_t origin) override;
+    void Flush() override;
     bool IsLocal() override { return false; }
     void Read(void* buffer, std::uint32_t size) override;
     void Write(const void* buffer, std::uint32_t size) override;

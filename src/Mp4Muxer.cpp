@@ -198,7 +198,7 @@ void CMp4Muxer::FinishFile(std::int64_t& clock)
 {
     if (m_safeMode) {
         if (m_nextMoovPos == kNoMoovPosition)
-            m_nextMoovPos = m_safeParam.min_interval;
+            m_nextMoovPos = m_safeParam.min_interval;  // Kept: the place that mdat was declared for
         LOG_INFO("mdat end update to {}", m_nextMoovPos);
         if (m_mdat)
             m_mdat->UpdateSize(m_nextMoovPos);
@@ -221,6 +221,7 @@ void CMp4Muxer::FinishFile(std::int64_t& clock)
     if (m_pFile && m_pFile->IsLocal() && m_pFile->IsOpen())
         m_pFile->Flush();
     LOG_INFO("Muxer - Close - moov write takes {} ms", Lap(clock));
+    // Kept: with an empty path, too; there is no log then, and its line comes all the same.
     platform::RemoveFile(m_infoPath.c_str());
     LOG_INFO("Muxer - Close - remove info file takes {} ms", Lap(clock));
 }

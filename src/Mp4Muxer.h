@@ -18,6 +18,7 @@ class CMp4FtypAtom final : public CMp4Atom {
 public:
     using CMp4Atom::CMp4Atom;
     void Write() override;
+    // Kept: 28 also in a QuickTime file, whose box has 20; nothing that is written counts on it.
     std::uint32_t GetSize() const override { return m_hasAvc1 ? 32 : 28; }
 
     std::uint8_t m_hasAvc1 = 0;  // never set: the box is written before any track is known

@@ -92,7 +92,8 @@ bool CMp4Muxer::WriteCC708(const std::uint8_t* data, std::uint32_t size,
 std::uint32_t CMp4Muxer::WriteTimeCode(std::uint32_t value)
 {
     const CMAutoLock hold(m_lock);
-    // Kept: no test but this one; a failed writer skips the write and enters the sample.
+    // Kept: no test but this one, and no checkpoint; a failed writer skips the write and enters the
+    // sample. Callers stamp a time code at any moment and expect no more of it.
     if (!m_moov) {
         LOG_ERROR("file not open!");
         return MP4_ERR_NOT_OPEN;

@@ -102,7 +102,8 @@ std::uint32_t CMp4Muxer::WriteInfoSubtitleTrack(const mp4_subtitle_track_info& i
 {
     return WriteInfo([&info](CFieldWriter& f) {
         Tag(f, InfoTag::SubtitleTrack);
-        f.U32(info.timescale != 0 ? info.timescale : 1000);  // not in the order of the record
+        // Kept: not in the order of the record; logs in the field are read so.
+        f.U32(info.timescale != 0 ? info.timescale : 1000);
         f.U8(info.codec);
     });
 }
@@ -160,7 +161,7 @@ std::uint32_t CMp4Muxer::WriteInfoVideoFrame(std::uint32_t size, std::uint64_t p
     });
     if (status != MP4_OK || !m_infoWriter.IsOpen())
         return status;
-    ++m_infoFrames;
+    ++m_infoFrames;  // Kept: video alone; a log without video is flushed at its end
     if (m_infoFrames - m_infoFlushedFrames >= m_infoFlushInterval) {
         FlushInfo();  // Kept: its result is dropped; the next packet reports
         m_infoFlushedFrames = m_infoFrames;

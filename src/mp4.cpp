@@ -101,7 +101,7 @@ uint32_t mp4_create_file(const wchar_t* path, uint8_t flags, mp4_handle* handle_
     if (!path || !handle_out)
         return MP4_ERR_INVALID_PARAM;
     const ApiLock hold(g_apiLock);
-    SetUpLogger();
+    SetUpLogger();  // Kept: here alone; callers of the other forms keep the logger they have
     return Create(path, flags, kBlockSize, kBlockCount, MP4_IO_FILE, nullptr, handle_out);
 }
 
@@ -235,6 +235,9 @@ uint32_t mp4_write_time_code(mp4_handle handle, uint32_t time_code)
 }
 
 // ---- Queries and settings ------------------------------------------------------------------
+
+// Kept: the first two return their value, and a bad handle gives 2 there, which no caller can tell
+// from a value.
 
 uint64_t mp4_get_duration_ms(mp4_handle handle)
 {

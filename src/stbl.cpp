@@ -247,7 +247,7 @@ void CMp4StblAtom::Write()
             m_co64.Write();
         else
             m_stco.Write();
-        WriteSyncTable();
+        WriteSyncTable();  // Kept: also without entries; readers then take no frame for a key frame
     });
 }
 

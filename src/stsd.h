@@ -81,7 +81,7 @@ public:
     // Kept: a constant; the real size is 40 + esds, and the size warning tells.
     std::uint32_t GetSize() const override { return 44; }
 
-    std::uint32_t m_trackId = 0;  // stored and not written
+    std::uint32_t m_trackId = 0;  // Kept: stored and not written; set-ups of the tree hand it over
     CMp4EsdsAtom m_esds;
 };
 

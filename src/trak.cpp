@@ -101,7 +101,7 @@ void CMp4TrakAtom::Write()
         const std::uint32_t timescale = GetTimescale();
         std::uint64_t movieDuration = duration;
         if (timescale == 0) {
-            movieDuration = 0;  // a time-code record without a timescale
+            movieDuration = 0;  // Kept: a time-code record is taken with a timescale of 0, too
         } else if (timescale != m_movieTimescale) {
             const auto scaled = static_cast<std::int64_t>(m_movieTimescale * duration);
             movieDuration = static_cast<std::uint64_t>(scaled / std::int64_t{timescale});
@@ -128,6 +128,7 @@ std::uint64_t CMp4TrakAtom::GetDuration()
     return m_lastTime - m_firstTime + m_lastDuration;
 }
 
+// Kept: bytes, in units of 1024 per second, for all that it is named; displays divide by it.
 double CMp4TrakAtom::GetBitrate()
 {
     const std::uint64_t duration = GetDuration();

@@ -103,7 +103,9 @@ public:
     // ---- Safe mode and info file
     std::uint32_t SetSafeParam(const mp4_safe_param* params);
     std::uint32_t GetSafeParam(mp4_safe_param* params) const;
-    bool CheckSafeWrite(std::uint32_t size);
+    // Ahead of `size` bytes of data: the next checkpoint when they could reach the moov in force.
+    // False when there is no place for it.
+    bool CheckSafeWrite(std::uint32_t size) { return !m_safeMode || KeepMoovAhead(size); }
     std::uint64_t CalcNextMoovPosition(std::int64_t position) const;
     // 4 when it changed the interval, 0 when it refused.
     std::uint32_t SetInfoFlushInterval(std::uint32_t interval);
@@ -121,6 +123,7 @@ private:
 
     // The status that keeps a call from working, or nothing.
     std::optional<std::uint32_t> Refusal() const;
+    bool KeepMoovAhead(std::uint32_t size);
 
     bool GetVideoCodecData(const CVideoFrameParser& parser);
     std::uint32_t AnnounceVideoTrack(const mp4_video_track_info& info);

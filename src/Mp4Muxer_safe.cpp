@@ -51,10 +51,8 @@ std::uint64_t CMp4Muxer::CalcNextMoovPosition(std::int64_t position) const
     }
 }
 
-bool CMp4Muxer::CheckSafeWrite(std::uint32_t size)
+bool CMp4Muxer::KeepMoovAhead(std::uint32_t size)
 {
-    if (!m_safeMode)
-        return true;
     const CMAutoLock hold(m_lock);
     const std::int64_t position = m_pFile->Tell();
     const std::uint64_t limit =

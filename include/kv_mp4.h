@@ -341,6 +341,39 @@ KV_MP4_API uint32_t mp4_set_safe_param(mp4_handle handle, const mp4_safe_param *
  * Returns 4 when it changed the interval and 0 when it refused, the reverse of all others. */
 KV_MP4_API uint32_t mp4_repair_set_flush_interval(mp4_handle handle, uint32_t interval);
 
+/* ---- Repair ------------------------------------------------------------------------------- */
+
+/* Makes a playable file of a recording whose process died, from the media file `path` and the info
+ * file beside it, path + ".info"; only recordings with MP4_OPEN_INFO_FILE have one. The samples are
+ * neither read nor moved: the index is rebuilt from the log and written behind the last sample that
+ * the log names, and the file is cut there. Call it with the path of the recording: a "mov" in it
+ * decides the kind of the file here as well. A wide path is limited to 1018 characters.
+ *
+ * The last packet of the log is always left out, whole or not, and so are the samples that had not
+ * reached both files. With a time-code track the last 4 bytes of the data per time code are lost.
+ *
+ * A log that names no video and no audio track leaves nothing: the media file is cut to 0 bytes,
+ * with status 0. So does a log of 5 bytes or fewer, or a media file that ends before its data.
+ * Look at both files first, or work on a copy, where that must not be.
+ *
+ * `option`: 0 keeps the info file, so that the repair can be repeated with the same result; any
+ * other value deletes it after a run with status 0.
+ *
+ * Errors: INVALID_PARAM for a null or too long path, with both files untouched; what the system
+ * answers to the open of either file, NOT_FOUND among them (no info file: the recording was closed
+ * properly, and the file is unchanged). For a damaged log (FAILED, as a rule) the index of what
+ * came before the damage is written, but the file is not cut and the info file stays; without a
+ * track before the damage the file is untouched. For a failed write the info file stays too.
+ *
+ * Threads: no handle and no lock; repairs of different files may run at once. Nothing stops the
+ * repair of a file that is still being recorded: that is the caller's to avoid. No exception leaves
+ * these functions. */
+KV_MP4_API uint32_t mp4_repair_file(const wchar_t *path, uint8_t option);
+
+/* The same with a multibyte path. Its conversion is not tested: keep the path valid in the locale
+ * and below 1019 characters. */
+KV_MP4_API uint32_t mp4_repair_file_ex(const char *path, uint8_t option);
+
 /* ---- Simplified front end ----------------------------------------------------------------- */
 
 /* The same files with fixed open flags: MP4_OPEN_LARGE_FILE and MP4_OPEN_INFO_FILE. The handles
@@ -394,6 +427,10 @@ KV_MP4_API uint32_t kv_mp4_write_audio(mp4_handle handle, const uint8_t *data, u
 KV_MP4_API uint32_t kv_mp4_write_subtitle(mp4_handle handle, const uint8_t *data, uint32_t size,
                                           uint64_t timestamp);
 KV_MP4_API uint32_t kv_mp4_close(mp4_handle handle);
+
+/* mp4_repair_file_ex and mp4_repair_file under second names. */
+KV_MP4_API uint32_t kv_mp4_repair(const char *path, uint8_t option);
+KV_MP4_API uint32_t kv_mp4_repair_ex(const wchar_t *path, uint8_t option);
 
 #ifdef __cplusplus
 }

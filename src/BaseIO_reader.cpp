@@ -50,7 +50,8 @@ std::uint32_t CFastFileReader::Init(const wchar_t* path, std::uint32_t, std::uin
     std::fseek(m_stream, 0, SEEK_SET);
     if (m_fileSize <= m_blockSize)
         m_blockSize = static_cast<std::uint32_t>(m_fileSize);
-    m_block = static_cast<std::uint8_t*>(std::malloc(m_blockSize));
+    // Zeroed: the count of the read is not looked at, and a folder has a size and no bytes.
+    m_block = static_cast<std::uint8_t*>(std::calloc(m_blockSize, 1));
     if (!m_block && m_blockSize != 0) {
         const std::int32_t error = errno;
         Close();
@@ -58,29 +59,21 @@ std::uint32_t CFastFileReader::Init(const wchar_t* path, std::uint32_t, std::uin
     }
     platform::ReadBytes(m_stream, m_block, m_blockSize);
     m_blockStart = 0;
-    m_blockEnd = m_blockSize - 1;  // 32-bit: wraps for an empty file, which Read turns away
+    m_blockEnd = m_blockSize != 0 ? m_blockSize - 1 : 0;
     m_state = kStateOpen;
     return MP4_OK;
 }
 
-void CFastFileReader::Read(void* buffer, std::uint32_t size)
+void CFastFileReader::Slide(std::uint32_t size)
 {
-    if (m_blockSize == 0)
+    if (m_blockEnd == m_fileSize)  // an empty file among them
         FailEndOfData(errno);
-    // Kept: m_blockEnd, the last valid byte, is compared as if it were one past the end, so that
-    // the last byte of a file is never delivered; repair counts on losing the last record.
-    if (m_pos + size > m_blockEnd) {
-        if (m_blockEnd == m_fileSize)
-            FailEndOfData(errno);
-        const std::uint64_t kept = m_blockEnd - m_pos + 1;
-        std::memmove(m_block, m_block + (m_pos - m_blockStart), kept);
-        m_blockEnd += platform::ReadBytes(m_stream, m_block + kept, m_blockSize - kept);
-        m_blockStart = m_pos;
-        if (m_pos + size > m_blockEnd)
-            FailEndOfData(errno);
-    }
-    std::memcpy(buffer, m_block + (m_pos - m_blockStart), size);
-    m_pos += size;
+    const std::uint64_t kept = m_blockEnd - m_pos + 1;
+    std::memmove(m_block, m_block + (m_pos - m_blockStart), kept);
+    m_blockEnd += platform::ReadBytes(m_stream, m_block + kept, m_blockSize - kept);
+    m_blockStart = m_pos;
+    if (m_pos + size > m_blockEnd)
+        FailEndOfData(errno);
 }
 
 // ---- CReadBufferPool -----------------------------------------------------------------------

@@ -103,3 +103,13 @@ uint32_t kv_mp4_close(mp4_handle handle)
 {
     return mp4_close_file(handle);
 }
+
+uint32_t kv_mp4_repair(const char* path, uint8_t option)
+{
+    return mp4_repair_file_ex(path, option);
+}
+
+uint32_t kv_mp4_repair_ex(const wchar_t* path, uint8_t option)
+{
+    return mp4_repair_file(path, option);
+}

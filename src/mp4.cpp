@@ -4,6 +4,7 @@
 #include "kv_mp4.h"
 
 #include "Mp4Muxer.h"
+#include "Mp4Repair.h"
 #include "log.h"
 #include "platform.h"
 
@@ -280,4 +281,27 @@ uint32_t mp4_repair_set_flush_interval(mp4_handle handle, uint32_t interval)
 {
     return WithFile(handle,
                     [=](CMp4Muxer& file) { return file.SetInfoFlushInterval(interval); });
+}
+
+// ---- Repair --------------------------------------------------------------------------------
+
+// Both without a handle and outside g_apiLock: several repairs may run at once.
+
+uint32_t mp4_repair_file(const wchar_t* path, uint8_t option)
+{
+    if (!path)
+        return MP4_ERR_INVALID_PARAM;
+    platform::SetUtf8Locale();
+    return CMp4Repair().Repair(path, option);
+}
+
+uint32_t mp4_repair_file_ex(const char* path, uint8_t option)
+{
+    if (!path)
+        return MP4_ERR_INVALID_PARAM;
+    platform::SetUtf8Locale();
+    // Kept: the conversion is not tested, as in mp4_create_file_adv_ex.
+    wchar_t wide[kPathSize + 1] = {};
+    platform::WidenPath(wide, path, kPathSize);
+    return mp4_repair_file(wide, option);
 }

@@ -1,0 +1,282 @@
+// What a repair makes of a media file and its log: sizes, places, kinds, and the last packet.
+#include "support/repair.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <sys/mman.h>
+
+#include <fcntl.h>
+#include <unistd.h>
+
+using namespace kvtest;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+
+namespace {
+
+const std::string kStbl = "moov/trak.vide/mdia/minf/stbl/";
+
+// Three frames of 10, 20 and 30 bytes.
+InfoLog ThreeFrames(std::uint8_t flags = MP4_OPEN_INFO_FILE)
+{
+    return InfoLog(flags).ProRes().Video(0, 10).Video(40, 20).Video(80, 30);
+}
+
+// Where the media file ends after a repair of `log`.
+std::size_t EndAfter(const InfoLog& log)
+{
+    Wreck wreck(DeadFile(0), log);
+    EXPECT_EQ(wreck.Repair(), 0u);
+    return wreck.Media().All().size();
+}
+
+Bytes DeadFileOfSize(std::size_t size)
+{
+    return DeadFile(size - 44);
+}
+
+// A file that refuses some changes, by the kernel's seals; opened by path like any other.
+class SealedFile {
+public:
+    SealedFile(const Bytes& bytes, int seals) : m_file(memfd_create("media", MFD_ALLOW_SEALING))
+    {
+        EXPECT_EQ(write(m_file, bytes.data(), bytes.size()), static_cast<ssize_t>(bytes.size()));
+        EXPECT_EQ(fcntl(m_file, F_ADD_SEALS, seals), 0);
+    }
+    ~SealedFile() { close(m_file); }
+    SealedFile(const SealedFile&) = delete;
+    SealedFile& operator=(const SealedFile&) = delete;
+
+    // Puts itself in the place of a wreck's media file.
+    void Replace(const Wreck& wreck) const
+    {
+        std::filesystem::remove(wreck.Path());
+        std::filesystem::create_symlink("/proc/self/fd/" + std::to_string(m_file), wreck.Path());
+    }
+
+private:
+    const int m_file;
+};
+
+}  // namespace
+
+TEST(RepairedVideo, HoldsAllSamplesButTheLast)
+{
+    Wreck wreck(DeadFile(60), ThreeFrames());
+    EXPECT_EQ(wreck.Repair(), 0u);
+    const BoxFile file = wreck.Media();
+    EXPECT_EQ(file.Box(kStbl + "stsz"),
+              Hex("0000001C 'stsz' 00000000 00000000 00000002 0000000A 00000014"));
+    EXPECT_EQ(file.Box(kStbl + "stts"), Hex("00000018 'stts' 00000000 00000001 00000002 00000028"));
+    EXPECT_EQ(file.Box(kStbl + "stsc"),
+              Hex("0000001C 'stsc' 00000000 00000001 00000001 00000002 00000001"));
+    EXPECT_EQ(file.Box(kStbl + "stco"), Hex("00000014 'stco' 00000000 00000001 0000002C"));
+    EXPECT_EQ(file.Box(kStbl + "stss"), Hex("00000018 'stss' 00000000 00000002 00000001 00000002"));
+    EXPECT_THAT(file.Children(""), ElementsAre("ftyp", "free", "mdat", "moov"));
+    EXPECT_THAT(file.Complaints(), IsEmpty());
+}
+
+TEST(RepairedMdat, EndsWhereTheLostSampleBegan)
+{
+    Wreck wreck(DeadFile(60), ThreeFrames());
+    EXPECT_EQ(wreck.Repair(), 0u);
+    const BoxFile file = wreck.Media();
+    EXPECT_EQ(file.U32(36), 8u + 30);
+    EXPECT_EQ(file.Find("moov").begin, 44u + 30);
+    EXPECT_EQ(Slice(file.All(), 0, 36), Slice(DeadFile(60), 0, 36));
+    EXPECT_EQ(Slice(file.All(), 40, 74), Slice(DeadFile(60), 40, 74));
+}
+
+TEST(AByteBehindTheLastPacket, KeepsThatPacket)
+{
+    Wreck wreck(DeadFile(60), ThreeFrames().Closed());
+    EXPECT_EQ(wreck.Repair(), 0u);
+    EXPECT_EQ(Words(wreck.Media().Box(kStbl + "stsz"), 16),
+              (std::vector<std::uint32_t>{3, 10, 20, 30}));
+    EXPECT_EQ(wreck.Media().U32(36), 8u + 60);
+}
+
+TEST(ALargeFile, GetsThe64BitSizeAndItsOffsetsBehindTheLongHeader)
+{
+    Wreck wreck(DeadFile(60, true), ThreeFrames(MP4_OPEN_INFO_FILE | MP4_OPEN_LARGE_FILE));
+    EXPECT_EQ(wreck.Repair(), 0u);
+    const BoxFile file = wreck.Media();
+    EXPECT_EQ(file.U32(36), 1u);
+    EXPECT_EQ(file.U64(44), 16u + 30);
+    EXPECT_EQ(file.Find("moov").begin, 52u + 30);
+    EXPECT_EQ(file.Box(kStbl + "co64"), Hex("00000018 'co64' 00000000 00000001 00000000 00000034"));
+    EXPECT_THAT(file.Complaints(), IsEmpty());
+}
+
+TEST(ALargeFile, LeavesTheCaptionsTheirStco)
+{
+    InfoLog log(MP4_OPEN_INFO_FILE | MP4_OPEN_LARGE_FILE);
+    log.ProRes().Aac().Captions().TimeCodeTrack();
+    log.Video(0, 10).Audio(0, 10).Caption(0, 10).TimeCode(0).Closed();
+    Wreck wreck(DeadFile(34, true), log);
+    EXPECT_EQ(wreck.Repair(), 0u);
+    const BoxFile file = wreck.Media();
+    for (const char* handler : {"vide", "soun", "tmcd"})
+        EXPECT_TRUE(file.Has("moov/trak." + std::string(handler) + "/mdia/minf/stbl/co64"));
+    EXPECT_EQ(file.Box("moov/trak.clcp/mdia/minf/stbl/stco"),
+              Hex("00000014 'stco' 00000000 00000001 00000048"));
+}
+
+TEST(Version1, WidensTheHeadersAgain)
+{
+    for (const bool wide : {false, true}) {
+        Wreck wreck(DeadFile(60), ThreeFrames(wide ? MP4_OPEN_INFO_FILE | MP4_OPEN_VERSION1
+                                                   : MP4_OPEN_INFO_FILE));
+        EXPECT_EQ(wreck.Repair(), 0u);
+        EXPECT_EQ(wreck.Media().Box("moov/mvhd").size(), wide ? 120u : 108u);
+        EXPECT_EQ(wreck.Media().Box("moov/trak/tkhd").size(), wide ? 104u : 92u);
+        EXPECT_EQ(wreck.Media().Box("moov/trak/mdia/mdhd").size(), wide ? 44u : 32u);
+    }
+}
+
+// ---- The end of the file -------------------------------------------------------------------
+
+TEST(AMoovShorterThanTheTail, EndsTheFileAndNoFreeBoxStays)
+{
+    const std::size_t end = EndAfter(ThreeFrames());
+    Wreck wreck(DeadFileOfSize(end + 5000), ThreeFrames());
+    EXPECT_EQ(wreck.Repair(), 0u);
+    EXPECT_EQ(wreck.Media().All().size(), end);
+    EXPECT_THAT(wreck.Media().Children(""), ElementsAre("ftyp", "free", "mdat", "moov"));
+}
+
+TEST(AMoovLongerThanTheTail, LetsTheFileGrow)
+{
+    Wreck wreck(DeadFile(60), ThreeFrames());
+    EXPECT_EQ(wreck.Repair(), 0u);
+    const BoxFile file = wreck.Media();
+    EXPECT_GT(file.All().size(), 44u + 60);
+    EXPECT_EQ(file.Find("moov").end, file.All().size());
+}
+
+TEST(ALogThatKnowsMoreThanTheFile, PutsMoovBehindTheOldEnd)
+{
+    Wreck wreck(DeadFile(5), ThreeFrames());
+    EXPECT_EQ(wreck.Repair(), 0u);
+    const BoxFile file = wreck.Media();
+    EXPECT_EQ(file.Find("moov").begin, 44u + 30);
+    EXPECT_EQ(Slice(file.All(), 44, 74), Hex("01 02 03 04 05") + Bytes(25, 0));
+}
+
+TEST(ATailOf1To7Bytes, IsCutWithoutAFreeHeader)
+{
+    const std::size_t end = EndAfter(ThreeFrames());
+    for (std::size_t tail = 1; tail < 8; ++tail) {
+        Wreck wreck(DeadFileOfSize(end + tail), ThreeFrames());
+        EXPECT_EQ(wreck.Repair(), 0u);
+        EXPECT_EQ(wreck.Media().All().size(), end);
+    }
+}
+
+TEST(ACutThatFails, LeavesAFreeBoxOverTheTailAndStatus0)
+{
+    const std::size_t end = EndAfter(ThreeFrames());
+    for (const std::size_t tail : {7u, 8u, 300u}) {
+        const Bytes media = DeadFileOfSize(end + tail);
+        const SealedFile sealed(media, F_SEAL_SHRINK);
+        Wreck wreck({}, ThreeFrames());
+        sealed.Replace(wreck);
+        EXPECT_EQ(wreck.Repair(1), 0u);
+        EXPECT_FALSE(wreck.HasInfo());
+        const Bytes all = BoxFile::Read(wreck.Path()).All();
+        ASSERT_EQ(all.size(), end + tail);
+        Bytes expected = Slice(media, end, end + tail);
+        if (tail >= 8) {
+            const Bytes header = Hex(tail == 8 ? "00000008 'free'" : "0000012C 'free'");
+            std::copy(header.begin(), header.end(), expected.begin());
+        }
+        EXPECT_EQ(Slice(all, end, end + tail), expected);
+    }
+}
+
+TEST(AnIoFailureInsideTheMediaFile, DecidesTheStatusAndKeepsTheInfoFile)
+{
+    const Bytes media = DeadFile(60);
+    for (const int seal : {F_SEAL_WRITE, F_SEAL_GROW}) {
+        const SealedFile sealed(media, seal);
+        Wreck wreck({}, ThreeFrames());
+        sealed.Replace(wreck);
+        EXPECT_EQ(wreck.Repair(1), 11u);  // EPERM
+        EXPECT_TRUE(wreck.HasInfo());
+        EXPECT_EQ(wreck.Media().All().size(), media.size());
+        EXPECT_EQ(wreck.Media().U32(36), seal == F_SEAL_GROW ? 8u + 30 : 8u);
+    }
+}
+
+// ---- Time code, kinds ----------------------------------------------------------------------
+
+TEST(TimeCodes, MakeMoovBegin4BytesEarlierEach)
+{
+    InfoLog log;
+    log.ProRes().TimeCodeTrack().TimeCode(7).Video(0, 10).TimeCode(8).Video(40, 10).Closed();
+    Wreck wreck(DeadFile(28), log);
+    EXPECT_EQ(wreck.Repair(), 0u);
+    const BoxFile file = wreck.Media();
+    EXPECT_EQ(file.U32(36), 8u + 20);
+    EXPECT_EQ(file.Find("moov").begin, 44u + 28 - 8);
+    EXPECT_EQ(Words(file.Box(kStbl + "stco"), 12), (std::vector<std::uint32_t>{2, 48, 62}));
+    EXPECT_EQ(Words(file.Box("moov/trak.tmcd/mdia/minf/stbl/stco"), 12),
+              (std::vector<std::uint32_t>{2, 44, 58}));
+    EXPECT_EQ(Words(file.Box("moov/trak.tmcd/mdia/minf/stbl/stsz"), 12),
+              (std::vector<std::uint32_t>{4, 2}));
+    EXPECT_EQ(file.Box("moov/trak.vide/tref"), Hex("00000014 'tref' 0000000C 'tmcd' 00000002"));
+}
+
+TEST(MovAnywhereInThePath, MakesTheRepairedIndexAQuickTimeOne)
+{
+    for (const std::string name : {"clip.mp4", "removed.mp4", "MOV.mp4"}) {
+        const bool quickTime = name == "removed.mp4";
+        InfoLog log;
+        log.ProRes().Aac().TimeCodeTrack().TimeCode(0).Video(0, 10).Audio(0, 10).Closed();
+        Wreck wreck(DeadFile(24), log, name);
+        EXPECT_EQ(wreck.Repair(), 0u);
+        const BoxFile file = wreck.Media();
+        const Bytes audio = file.Box("moov/trak.soun/mdia/minf/stbl/stsd");
+        EXPECT_EQ(audio[33], quickTime ? 1 : 0);  // version of the sample entry
+        EXPECT_EQ(file.Has("moov/trak.tmcd/mdia/minf/gmhd"), quickTime);
+        EXPECT_EQ(file.Has("moov/trak.tmcd/mdia/minf/nmhd"), !quickTime);
+    }
+}
+
+TEST(Interleaving, BreaksChunksWhereTheRecordingDid)
+{
+    InfoLog log;
+    log.ProRes().Aac().Video(0, 10).Video(40, 10).Audio(0, 5).Audio(21, 5).Video(80, 10).Closed();
+    Wreck wreck(DeadFile(40), log);
+    EXPECT_EQ(wreck.Repair(), 0u);
+    const BoxFile file = wreck.Media();
+    EXPECT_EQ(Words(file.Box(kStbl + "stco"), 12), (std::vector<std::uint32_t>{2, 44, 74}));
+    EXPECT_EQ(Words(file.Box("moov/trak.soun/mdia/minf/stbl/stco"), 12),
+              (std::vector<std::uint32_t>{1, 64}));
+    EXPECT_THAT(file.Complaints(), IsEmpty());
+}
+
+TEST(TheKeyFlag, IsSetForAnyByteButZero)
+{
+    InfoLog log;
+    log.ProRes().Video(0, 10, true).Video(40, 10, false);
+    log.Raw(Hex("04 0000000000000050 0000000000000050 FF 0000000A")).Closed();
+    Wreck wreck(DeadFile(30), log);
+    EXPECT_EQ(wreck.Repair(), 0u);
+    EXPECT_EQ(Words(wreck.Media().Box(kStbl + "stss"), 12), (std::vector<std::uint32_t>{2, 1, 3}));
+}
+
+TEST(PresentationAndDecodingTime, AreReadApart)
+{
+    InfoLog log;
+    log.ProRes();
+    log.Raw(Hex("04 0000000000000064 0000000000000000 01 0000000A"));
+    log.Raw(Hex("04 00000000000000C8 0000000000000019 01 0000000A")).Closed();
+    Wreck wreck(DeadFile(20), log);
+    EXPECT_EQ(wreck.Repair(), 0u);
+    EXPECT_EQ(Words(wreck.Media().Box(kStbl + "stts"), 12), (std::vector<std::uint32_t>{1, 2, 25}));
+    // 200 - 100 and one more difference of the presentation times.
+    EXPECT_EQ(Words(wreck.Media().Box("moov/mvhd"), 24)[0], 200u);
+}

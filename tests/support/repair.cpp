@@ -83,7 +83,7 @@ InfoLog& InfoLog::TimeCode(std::uint32_t frameNumber)
     return U(1, 9).U(4, frameNumber);
 }
 
-Bytes Text(const std::string& text)
+Bytes EndedText(const std::string& text)
 {
     Bytes bytes(text.begin(), text.end());
     bytes.push_back(0);

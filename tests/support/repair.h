@@ -41,7 +41,7 @@ private:
 };
 
 // The text as bytes, with its end mark.
-Bytes Text(const std::string& text);
+Bytes EndedText(const std::string& text);
 
 // An MP4 file as a dead recorder leaves it: "ftyp", "free", the header of "mdat" at 36, `size` bytes
 // of data 1, 2, 3 ... and no "moov".

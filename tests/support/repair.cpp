@@ -1,7 +1,5 @@
 #include "support/repair.h"
 
-#include <gtest/gtest.h>
-
 #include <cerrno>
 #include <fstream>
 
@@ -121,12 +119,13 @@ Wreck::Wreck(const Bytes& media, const Bytes& log, const std::string& name) : m_
     WriteBytes(InfoPath(), log);
 }
 
-std::uint32_t Wreck::Repair(std::uint8_t option)
+std::uint32_t Wreck::Repair(std::uint8_t option, int error)
 {
-    testing::internal::CaptureStdout();
-    errno = 0;
-    const std::uint32_t status = mp4_repair_file_ex(Path().c_str(), option);
-    m_printed = testing::internal::GetCapturedStdout();
+    StdoutCapture printed;
+    const std::string path = Path().string();
+    errno = error;
+    const std::uint32_t status = mp4_repair_file_ex(path.c_str(), option);
+    m_printed = printed.Take();
     return status;
 }
 

@@ -56,8 +56,8 @@ public:
     {
     }
 
-    // Repairs with errno 0 before; keeps what was printed.
-    std::uint32_t Repair(std::uint8_t option = 0);
+    // Repairs with `error` in errno before, 0 as in a fresh process; keeps what was printed.
+    std::uint32_t Repair(std::uint8_t option = 0, int error = 0);
     BoxFile Media() const { return BoxFile::Read(Path()); }
     Bytes Info() const { return BoxFile::Read(InfoPath()).All(); }
     bool HasInfo() const { return std::filesystem::exists(InfoPath()); }

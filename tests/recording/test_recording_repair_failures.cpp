@@ -26,13 +26,13 @@ InfoLog TwoFrames()
     return InfoLog().ProRes().Video(0, 10).Video(40, 20);
 }
 
-// The lines of a log at these levels; a moov tells its size at info level.
+// What the repair itself complained of; the boxes that it writes have their own lines.
 std::vector<std::string> Complaints(LogCapture& log)
 {
     std::vector<std::string> lines;
-    for (const std::string& line : log.Lines())
-        if (line.rfind("info", 0) != 0)
-            lines.push_back(line);
+    for (std::size_t i = 0; i < log.Lines().size(); ++i)
+        if (log.Sources()[i].rfind("src/Mp4Repair ", 0) == 0 && log.Lines()[i] != kDeleted)
+            lines.push_back(log.Lines()[i]);
     return lines;
 }
 
@@ -204,7 +204,6 @@ TEST_P(Option, ALogWithoutATrackEmptiesTheMediaFileAndSaysSo)
         Wreck wreck(DeadFile(30), log);
         ExpectEmptied(wreck);
         EXPECT_THAT(Complaints(wreck.Log()), ElementsAre(kNothing));
-        EXPECT_EQ(wreck.Log().Sources()[0].rfind("src/Mp4Repair ", 0), 0u);
         EXPECT_THAT(wreck.Printed(), MatchesRegex(kEnd));
     }
 }

@@ -43,8 +43,8 @@ private:
 // The text as bytes, with its end mark.
 Bytes EndedText(const std::string& text);
 
-// An MP4 file as a dead recorder leaves it: "ftyp", "free", the header of "mdat" at 36, `size` bytes
-// of data 1, 2, 3 ... and no "moov".
+// An MP4 file as a dead recorder leaves it: "ftyp", "free", the header of "mdat" at 36, `size`
+// bytes of data 1, 2, 3 ... and no "moov".
 Bytes DeadFile(std::size_t size, bool large = false);
 
 // A folder with both files and the repair of them.

@@ -1,0 +1,141 @@
+// Paths and texts beyond ASCII in the locale that the library sets. It is a program of its own,
+// which runs once for each locale: LOCPATH decides what the system has.
+//
+//   LOCPATH=FOLDER locale_tests LOCALE      LOCALE must be in force behind a create
+#include "support/recording.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <clocale>
+#include <filesystem>
+
+#include <stdlib.h>
+
+using namespace kvtest;
+using testing::ElementsAre;
+using testing::HasSubstr;
+
+namespace {
+
+std::string g_expected;
+
+// Two, three and four bytes a character.
+constexpr char kName[] = "caf\u00E9 \u65E5\u672C \U0001F3AC.mp4";
+constexpr wchar_t kWideName[] = L"caf\u00E9 \u65E5\u672C \U0001F3AC.mp4";
+constexpr char kTitle[] = "Z\u00FCrich, \u0141\u00F3d\u017A \U0001F3AC";
+
+std::vector<std::string> Names(const std::filesystem::path& folder)
+{
+    std::vector<std::string> names;
+    for (const auto& entry : std::filesystem::directory_iterator(folder))
+        names.push_back(entry.path().filename().string());
+    return names;
+}
+
+// Each test begins in the locale that a program begins in.
+class Locale : public testing::Test {
+protected:
+    void SetUp() override { std::setlocale(LC_ALL, "C"); }
+    void TearDown() override { EXPECT_EQ(std::string(std::setlocale(LC_ALL, nullptr)), g_expected); }
+
+    std::string Path(const std::string& name) const { return (m_folder / name).string(); }
+
+    const Folder m_folder;
+    mp4_handle m_file = nullptr;
+};
+
+}  // namespace
+
+TEST_F(Locale, CreateTakesAMultibytePath)
+{
+    ASSERT_EQ(mp4_create_file_ex(Path(kName).c_str(), 0, &m_file), 0u);
+    EXPECT_THAT(Names(m_folder / ""), ElementsAre(kName));
+    EXPECT_EQ(mp4_close_file(m_file), 0u);
+}
+
+TEST_F(Locale, TheLongCreateTakesAMultibytePath)
+{
+    ASSERT_EQ(mp4_create_file_adv_ex(Path(kName).c_str(), MP4_OPEN_INFO_FILE, 0, 0, MP4_IO_FILE,
+                                     nullptr, &m_file), 0u);
+    EXPECT_THAT(Names(m_folder / ""),
+                testing::UnorderedElementsAre(kName, std::string(kName) + ".info"));
+    EXPECT_EQ(mp4_close_file(m_file), 0u);
+}
+
+TEST_F(Locale, AWidePathNamesTheSameFile)
+{
+    const std::string folder = Path("");  // ASCII
+    const std::wstring path = std::wstring(folder.begin(), folder.end()) + kWideName;
+    ASSERT_EQ(mp4_create_file_adv(path.c_str(), 0, 0, 0, MP4_IO_FILE, nullptr, &m_file), 0u);
+    EXPECT_THAT(Names(m_folder / ""), ElementsAre(kName));
+    EXPECT_EQ(mp4_close_file(m_file), 0u);
+}
+
+TEST_F(Locale, ATitleKeepsItsBytes)
+{
+    ASSERT_EQ(mp4_create_file_ex(Path("title.mp4").c_str(), 0, &m_file), 0u);
+    EXPECT_EQ(mp4_set_metadata(m_file, "com.apple.quicktime.title", kTitle), 0u);
+    EXPECT_EQ(mp4_close_file(m_file), 0u);
+    const Bytes ilst = BoxFile::Read(m_folder / "title.mp4").Box("moov/udta/meta/ilst");
+    EXPECT_THAT(std::string(ilst.begin(), ilst.end()), HasSubstr(kTitle));
+}
+
+TEST_F(Locale, BytesThatAreNoCharacterAreRefused)
+{
+    EXPECT_EQ(mp4_create_file_ex(Path("caf\xE9.mp4").c_str(), 0, &m_file), 1u);
+    EXPECT_EQ(m_file, nullptr);
+    EXPECT_TRUE(m_folder.IsEmpty());
+}
+
+// 1022 characters of a path are 3000 bytes here.
+TEST_F(Locale, LengthsCountCharactersAndNotBytes)
+{
+    std::string path = Path("");
+    for (std::size_t length = path.size(); length < 1022; ++length) {
+        if (length % 80 == 0 && length < 1020) {
+            std::filesystem::create_directory(path);
+            path += '/';
+        } else {
+            path += "\u65E5";
+        }
+    }
+    ASSERT_EQ(mp4_create_file_ex(path.c_str(), 0, &m_file), 0u);
+    EXPECT_GT(std::filesystem::file_size(path), 0u);
+    EXPECT_EQ(mp4_close_file(m_file), 0u);
+    mp4_handle none = nullptr;
+    EXPECT_EQ(mp4_create_file_ex((path + "\u65E5").c_str(), 0, &none), 1u);
+    EXPECT_FALSE(std::filesystem::exists(path + "\u65E5"));
+}
+
+namespace {
+
+int g_errnoAtOpen = 0;
+
+}  // namespace
+
+// The look-up of a locale in a folder that does not have it fails on its way, once for each folder.
+TEST_F(Locale, TheSetUpLeavesErrnoAlone)
+{
+    ExternalIoFuncs table = *ExternalSink().Table();
+    table.open = [](void**, const wchar_t*, std::uint32_t, std::uint32_t) -> std::uint8_t {
+        g_errnoAtOpen = errno;
+        return 0;
+    };
+    const std::string places = getenv("LOCPATH");
+    setenv("LOCPATH", (Path("") + ":" + places).c_str(), 1);
+    errno = EXDEV;
+    EXPECT_EQ(mp4_create_file_adv(L"a.mp4", 0, 0, 0, MP4_IO_EXTERNAL, &table, &m_file), 4u);
+    EXPECT_EQ(g_errnoAtOpen, EXDEV);
+    setenv("LOCPATH", places.c_str(), 1);
+}
+
+int main(int count, char** arguments)
+{
+    testing::InitGoogleTest(&count, arguments);
+    if (count != 2 || !getenv("LOCPATH"))
+        return 2;
+    g_expected = arguments[1];
+    return RUN_ALL_TESTS();
+}

@@ -96,6 +96,26 @@ TEST(Splitting, KeepsEmptyUnits)
     EXPECT_EQ(Split({0, 0, 1, 0, 0, 0, 1, 9}), (Units{{3, 0}, {7, 1}}));
 }
 
+TEST(Splitting, BeginsAnewWithEachFrame)
+{
+    const Bytes first{0, 0, 1, 9, 0, 0, 1, 8}, second{0, 0, 1, 7}, none{1, 2, 3, 4};
+    CVideoFrameParser parser;
+    EXPECT_TRUE(parser.Parse(first.data(), 8));
+    EXPECT_EQ(parser.size(), 2u);
+    EXPECT_TRUE(parser.Parse(second.data(), 4));
+    EXPECT_EQ(parser.size(), 1u);
+    EXPECT_FALSE(parser.Parse(none.data(), 4));
+    EXPECT_TRUE(parser.empty());
+    EXPECT_TRUE(parser.Parse(first.data(), 8));
+    EXPECT_FALSE(parser.Parse(first.data(), 3));
+    EXPECT_TRUE(parser.empty());
+}
+
+TEST(Splitting, LeavesTrailingZerosInTheLastUnit)
+{
+    EXPECT_EQ(Split({0, 0, 1, 9, 0, 0, 0, 0}), (Units{{3, 5}}));
+}
+
 TEST(Splitting, EqualsThePlainScanOnTwoMillionRandomFrames)
 {
     std::mt19937 random(1);
@@ -172,6 +192,36 @@ TEST(BitReader, TakesOneZeroBehindTheEndAndRaisesAfterIt)
     EXPECT_EQ(Raised([&] { reader.ReadUE(); }), 16);
 }
 
+// What passes the end has moved all the same, and the bits left wrap.
+TEST(BitReader, StandsBehindTheEndAfterARaise)
+{
+    const Bytes data{0xFF};
+    CBitReader skipper(data.data(), 1);
+    EXPECT_EQ(Raised([&] { skipper.SkipBits(10); }), 16);
+    EXPECT_EQ(skipper.bitPos, 10u);
+    EXPECT_EQ(skipper.BitsLeft(), 0xFFFFFFFFFFFFFFFEu);
+    CBitReader reader(data.data(), 1);
+    EXPECT_EQ(Raised([&] { reader.ReadBits(9); }), 16);
+    EXPECT_EQ(reader.bitPos, 9u);
+    EXPECT_EQ(Raised([&] { reader.ReadBits(0); }), 16);
+    CBitReader wide(data.data(), 1);
+    EXPECT_EQ(Raised([&] { wide.ReadBits(64); }), 28);
+    EXPECT_EQ(wide.bitPos, 0u);
+}
+
+TEST(ExpGolomb, RaisesAtTheEndOfItsZerosAndOfItsSuffix)
+{
+    const auto reason = [](const Bytes& data) {
+        CBitReader reader(data.data(), data.size());
+        return Raised([&] { reader.ReadUE(); });
+    };
+    EXPECT_EQ(reason({0x1F}), 0);
+    EXPECT_EQ(reason({0x08}), 16);  // four zeros, a 1, and three bits where four are due
+    EXPECT_EQ(reason({0x00}), 16);
+    EXPECT_EQ(reason(Bytes(9, 0)), 16);  // 72 zeros without a 1: the end comes first
+    EXPECT_EQ(reason({}), 16);
+}
+
 TEST(ExpGolomb, ReadsTheUsualCodes)
 {
     // 1, 010, 011, 00100, 00111: 0, 1, 2, 3, 6
@@ -193,6 +243,26 @@ TEST(ExpGolomb, MapsSignedCodes)
     EXPECT_EQ(reader.ReadSE(), -1);
     EXPECT_EQ(reader.ReadSE(), 2);
     EXPECT_EQ(reader.ReadSE(), -2);
+}
+
+// Bases of 2^31 - 1 at 31 zeros, 1 at 33 and again 2^31 - 1 at 63.
+TEST(ExpGolomb, TakesItsShiftModulo32)
+{
+    const auto read = [](std::size_t zeros) {
+        Bytes data(20, 0);
+        data[zeros / 8] = static_cast<std::uint8_t>(0x80 >> zeros % 8);
+        const std::size_t last = 2 * zeros;  // the suffix is 1
+        data[last / 8] = static_cast<std::uint8_t>(data[last / 8] | 0x80 >> last % 8);
+        CBitReader reader(data.data(), data.size());
+        const std::uint64_t value = reader.ReadUE();
+        EXPECT_EQ(reader.bitPos, 2 * zeros + 1);
+        return value;
+    };
+    EXPECT_EQ(read(30), 0x40000000u);
+    EXPECT_EQ(read(31), 0x80000000u);
+    EXPECT_EQ(read(32), 1u);
+    EXPECT_EQ(read(33), 2u);
+    EXPECT_EQ(read(63), 0x80000000u);
 }
 
 TEST(ExpGolomb, CollapsesItsBaseFrom32ZerosOnAndRefuses64)
@@ -234,9 +304,30 @@ TEST(AudioConfig, FollowsTheRateTable)
     EXPECT_EQ(config(2, 16000, 2), 0x1410);
     EXPECT_EQ(config(2, 64000, 2), 0x1110);
     EXPECT_EQ(config(2, 8000, 1), 0x1588);
+    const int rates[] = {64000, 48000, 44100, 32000, 24000, 22050, 16000, 12000, 11025, 8000};
+    for (int index = 2; index < 12; ++index)
+        EXPECT_EQ(config(2, static_cast<std::uint16_t>(rates[index - 2]), 2),
+                  2 << 11 | index << 7 | 2 << 3);
     for (const int odd : {0, 7350, 30464, 22664, 44101})
-        EXPECT_EQ(config(2, static_cast<std::uint16_t>(odd), 2), 0x1210);  // no index: declared as 44100
+        EXPECT_EQ(config(2, static_cast<std::uint16_t>(odd), 2), 0x1210);  // taken for 44100
     EXPECT_EQ(config(2, 48000, 0x12), 0x1190 | 0x80);  // 16 and up spill into the index
+    EXPECT_EQ(config(0x22, 48000, 2), 0x1190);         // a type has five bits
+}
+
+TEST(AdtsFrames, AreKnownByTwelveBitsFromEightBytesOn)
+{
+    const auto isAdts = [](std::uint8_t b0, std::uint8_t b1, std::uint32_t size) {
+        const std::uint8_t frame[8] = {b0, b1};
+        return IsAdtsFrame(frame, size);
+    };
+    EXPECT_TRUE(isAdts(0xFF, 0xF0, 8));
+    EXPECT_TRUE(isAdts(0xFF, 0xFF, 8));
+    EXPECT_FALSE(isAdts(0xFF, 0xF1, 7));
+    EXPECT_FALSE(isAdts(0xFF, 0xEF, 8));
+    EXPECT_FALSE(isAdts(0xFF, 0x7F, 8));
+    EXPECT_FALSE(isAdts(0xFE, 0xF1, 8));
+    EXPECT_TRUE(isAdts(0xFF, 0xF1, 0x7FFFFFFF));
+    EXPECT_FALSE(isAdts(0xFF, 0xF1, 0x80000000));  // the size counts as a signed number
 }
 
 TEST(AdtsHeader, GivesProfileRateAndChannels)

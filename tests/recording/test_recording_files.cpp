@@ -1,4 +1,5 @@
 // The life of a file: what create and close leave on the disk and in the log.
+#include "support/file_size_limit.h"
 #include "support/recording.h"
 
 #include <gmock/gmock.h>
@@ -7,12 +8,9 @@
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
-#include <csignal>
 #include <filesystem>
 #include <functional>
 #include <thread>
-
-#include <sys/resource.h>
 
 using namespace kvtest;
 using testing::ElementsAre;
@@ -323,33 +321,6 @@ TEST(TheInfoFile, EndsAtAnEmptyBinaryValue)
     });
     EXPECT_EQ(log, Hex("10 00000024 01 00 00000006 'title' 00 00000000"));
 }
-
-namespace {
-
-// No file of the process may grow beyond a size; what goes further fails with EFBIG.
-class FileSizeLimit {
-public:
-    explicit FileSizeLimit(rlim_t bytes)
-    {
-        m_handler = std::signal(SIGXFSZ, SIG_IGN);
-        getrlimit(RLIMIT_FSIZE, &m_before);
-        const rlimit limit{bytes, m_before.rlim_max};
-        setrlimit(RLIMIT_FSIZE, &limit);
-    }
-    ~FileSizeLimit()
-    {
-        setrlimit(RLIMIT_FSIZE, &m_before);
-        std::signal(SIGXFSZ, m_handler);
-    }
-    FileSizeLimit(const FileSizeLimit&) = delete;
-    FileSizeLimit& operator=(const FileSizeLimit&) = delete;
-
-private:
-    rlimit m_before{};
-    void (*m_handler)(int) = nullptr;
-};
-
-}  // namespace
 
 TEST(AFullDisk, FailsTheCloseAndKeepsTheInfoFile)
 {

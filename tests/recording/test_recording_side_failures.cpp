@@ -1,5 +1,6 @@
 // Captions and time code where something fails, under checkpoints, and in the info file.
 #include "support/external_sink.h"
+#include "support/file_size_limit.h"
 #include "support/recording.h"
 #include "support/samples.h"
 
@@ -7,10 +8,7 @@
 #include <gtest/gtest.h>
 
 #include <cerrno>
-#include <csignal>
 #include <stdexcept>
-
-#include <sys/resource.h>
 
 using namespace kvtest;
 using testing::ElementsAre;
@@ -277,28 +275,6 @@ Bytes InfoSoFar(Recording& rec)
     log.resize(log.size() - 19 - 10 * 22);
     return log;
 }
-
-// No file of the process may grow beyond a size; what goes further fails with EFBIG.
-class FileSizeLimit {
-public:
-    explicit FileSizeLimit(rlim_t bytes) : m_handler(std::signal(SIGXFSZ, SIG_IGN))
-    {
-        getrlimit(RLIMIT_FSIZE, &m_before);
-        const rlimit limit{bytes, m_before.rlim_max};
-        setrlimit(RLIMIT_FSIZE, &limit);
-    }
-    ~FileSizeLimit()
-    {
-        setrlimit(RLIMIT_FSIZE, &m_before);
-        std::signal(SIGXFSZ, m_handler);
-    }
-    FileSizeLimit(const FileSizeLimit&) = delete;
-    FileSizeLimit& operator=(const FileSizeLimit&) = delete;
-
-private:
-    void (*m_handler)(int);
-    rlimit m_before{};
-};
 
 }  // namespace
 

@@ -1,5 +1,5 @@
 // The packets of the info file, byte by byte, and when they reach the system.
-#include "support/info_log.h"
+#include "support/kept_log.h"
 #include "support/recording.h"
 
 #include <gmock/gmock.h>
@@ -34,7 +34,7 @@ private:
 
 public:
     Recording rec;
-    InfoLog log;
+    KeptLog log;
 };
 
 std::uint32_t Flush(Logged& file, std::uint32_t interval)

@@ -1,6 +1,6 @@
 // The info file when something fails: in create, in a packet, at a flush, and in close.
 #include "support/file_size_limit.h"
-#include "support/info_log.h"
+#include "support/kept_log.h"
 #include "support/recording.h"
 #include "support/samples.h"
 
@@ -97,7 +97,7 @@ private:
 public:
     ExternalSink sink;
     Recording rec;
-    InfoLog log;
+    KeptLog log;
     std::size_t calls = 0;  // that went well
 };
 

@@ -7,10 +7,10 @@
 
 namespace kvtest {
 
-class InfoLog {
+class KeptLog {
 public:
     // Of a recording that has its info file by now.
-    explicit InfoLog(const std::filesystem::path& info) : m_kept(info.string() + ".kept")
+    explicit KeptLog(const std::filesystem::path& info) : m_kept(info.string() + ".kept")
     {
         std::filesystem::create_hard_link(info, m_kept);
     }

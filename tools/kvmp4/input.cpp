@@ -1,6 +1,8 @@
 #include "input.h"
 
 #include "failure.h"
+#include "nal_units.h"
+#include "timecode.h"
 
 #include <kv_mp4.h>
 
@@ -8,6 +10,10 @@
 #include <chrono>
 #include <cmath>
 #include <cstdlib>
+#include <fstream>
+#include <iterator>
+#include <limits>
+#include <string_view>
 
 extern "C" {
 #include <libavdevice/avdevice.h>
@@ -25,6 +31,9 @@ constexpr std::int64_t kAacFrame = 1024;  // samples
 // A track begins with its first frame: a stream that starts later than this shows its first frame
 // from the beginning on, so that the rest keeps its time against the other stream.
 constexpr double kLateStart = 0.1;  // seconds
+// Line 21 of a picture carries a pair of each field.
+constexpr AVRational kLine21{1001, 30000};
+constexpr std::uint32_t kC708 = MKTAG('c', '7', '0', '8');
 
 std::string ErrorText(int error)
 {
@@ -33,22 +42,16 @@ std::string ErrorText(int error)
     return text;
 }
 
-// NAL units of an Annex B extradata.
-template <typename Use>
-void ForEachUnit(const std::uint8_t* data, std::size_t size, Use use)
+// The first time code of a caption file decides how all of its frames count.
+bool CountsDropFrame(std::string path)
 {
-    std::vector<std::size_t> starts;
-    for (std::size_t i = 0; i + 3 <= size; ++i)
-        if (data[i] == 0 && data[i + 1] == 0 && data[i + 2] == 1)
-            starts.push_back(i);
-    for (std::size_t n = 0; n < starts.size(); ++n) {
-        const std::size_t begin = starts[n] + 3;
-        std::size_t end = n + 1 < starts.size() ? starts[n + 1] : size;
-        while (end > begin && data[end - 1] == 0)
-            --end;  // a unit never ends with a zero byte
-        if (end > begin)
-            use(data + begin, end - begin);
-    }
+    if (path.starts_with("file:"))
+        path.erase(0, 5);
+    std::ifstream file(path);
+    for (std::string line; std::getline(file, line);)
+        if (line.size() > 11 && line[2] == ':' && line[5] == ':')
+            return line[8] != ':';
+    return true;  // a pipe: drop-frame labels stay close to the clock
 }
 
 // Bits of an AudioSpecificConfig.
@@ -73,7 +76,8 @@ private:
 
 struct Input::Stream {
     int index = 0;
-    bool isVideo = false;
+    Kind kind = Kind::kAudio;
+    bool hevc = false;
     AVStream* stream = nullptr;
     AVBSFContext* filter = nullptr;
     AVRational timeBase{};       // of packets behind the filter
@@ -85,6 +89,8 @@ struct Input::Stream {
     std::int64_t reorderDelay = 0;  // ticks between the two times of the first picture
     std::optional<std::int64_t> last;
     std::int64_t originTicks = 0;
+    bool dropFrame = false;  // how a caption file counts
+    std::multimap<std::int64_t, CaptionEntries> held;  // by the times of their pictures, in ticks
 
     ~Stream() { av_bsf_free(&filter); }
 };
@@ -125,7 +131,7 @@ void Input::Run()
 void Input::Open()
 {
     const AVInputFormat* format = nullptr;
-    if (!m_options.format.empty()) {
+    if (!m_options.format.empty() && !m_options.url.ends_with(".scc")) {
         format = av_find_input_format(m_options.format.c_str());
         if (!format)
             throw Failure(kExitUsage, "there is no input format \"" + m_options.format + "\"");
@@ -156,8 +162,9 @@ void Input::Choose()
                                            av_get_media_type_string(type) + " stream: " + wish);
         return static_cast<int>(index);
     };
-    const int video = pick(m_options.video, AVMEDIA_TYPE_VIDEO);
-    const int audio = pick(m_options.audio, AVMEDIA_TYPE_AUDIO);
+    const bool captionFile = std::string_view(m_context->iformat->name) == "scc";
+    const int video = captionFile ? -1 : pick(m_options.video, AVMEDIA_TYPE_VIDEO);
+    const int audio = captionFile ? -1 : pick(m_options.audio, AVMEDIA_TYPE_AUDIO);
     if (video >= 0)
         AddVideo(video);
     if (audio >= 0)
@@ -169,6 +176,8 @@ void Input::Choose()
         const double start = static_cast<double>(stream->start_time) * av_q2d(stream->time_base);
         m_origin = std::min(m_origin.value_or(start), start);
     }
+    ChooseCaptions(captionFile);
+    FindTimeCode(video);
     if (m_streams.empty())
         throw Failure(kExitStream, m_options.url + " has no video or audio stream to record");
 }
@@ -178,7 +187,7 @@ void Input::AddVideo(int index)
     AVStream* const stream = m_context->streams[index];
     const AVCodecParameters* par = stream->codecpar;
     TrackInfo track;
-    track.isVideo = true;
+    track.kind = Kind::kVideo;
     track.name = avcodec_get_name(par->codec_id);
     track.width = static_cast<std::uint16_t>(par->width);
     track.height = static_cast<std::uint16_t>(par->height);
@@ -210,7 +219,8 @@ void Input::AddVideo(int index)
 
     auto entry = std::make_unique<Stream>();
     entry->index = index;
-    entry->isVideo = true;
+    entry->kind = Kind::kVideo;
+    entry->hevc = par->codec_id == AV_CODEC_ID_HEVC;
     entry->stream = stream;
     entry->timeBase = stream->time_base;
     if (filterName) {
@@ -224,7 +234,7 @@ void Input::AddVideo(int index)
                                            " cannot be converted: " + ErrorText(error));
         entry->timeBase = entry->filter->time_base_out;
         const AVCodecParameters* out = entry->filter->par_out;
-        const bool hevc = par->codec_id == AV_CODEC_ID_HEVC;
+        const bool hevc = entry->hevc;
         if (out->extradata_size > 0)
             ForEachUnit(out->extradata, static_cast<std::size_t>(out->extradata_size),
                         [&](const std::uint8_t* unit, std::size_t size) {
@@ -252,6 +262,7 @@ void Input::AddVideo(int index)
         std::max<std::int64_t>(1, av_rescale_q(1, AVRational{rate.den, rate.num},
                                                {1, static_cast<int>(entry->timescale)}));
     track.timescale = entry->timescale;
+    track.rate = rate;
     track.sampleDuration = static_cast<std::uint32_t>(entry->ticksPerFrame);
     m_tracks.push_back(std::move(track));
     m_streams.push_back(std::move(entry));
@@ -305,6 +316,84 @@ void Input::AddAudio(int index)
     m_streams.push_back(std::move(entry));
 }
 
+void Input::ChooseCaptions(bool captionFile)
+{
+    const std::string& wish = m_options.captions;
+    const auto holdsCaptions = [this](unsigned index) {
+        const AVCodecParameters* par = m_context->streams[index]->codecpar;
+        return par->codec_id == AV_CODEC_ID_EIA_608 || par->codec_tag == kC708;
+    };
+    if (captionFile && (wish == "none" || wish == "video"))
+        throw Failure(kExitUsage, "--captions " + wish + " leaves nothing of " + m_options.url);
+    if (wish == "none")
+        return;
+    unsigned index = m_context->nb_streams;
+    if (wish == "auto" || captionFile) {
+        for (index = 0; index < m_context->nb_streams && !holdsCaptions(index);)
+            ++index;
+    } else if (wish != "video") {
+        char* end = nullptr;
+        const unsigned long number = std::strtoul(wish.c_str(), &end, 10);
+        if (*end != '\0' || number >= m_context->nb_streams ||
+            !holdsCaptions(static_cast<unsigned>(number)))
+            throw Failure(kExitStream, m_options.url + " has no such caption stream: " + wish);
+        index = static_cast<unsigned>(number);
+    }
+
+    m_captionTrack.kind = Kind::kCaptions;
+    m_captionTrack.name = "caption";
+    m_captionTrack.codec = MP4_SUBTITLE_CEA608;
+    const auto video = std::ranges::find(m_tracks, Kind::kVideo, &TrackInfo::kind);
+    if (index < m_context->nb_streams) {
+        auto entry = std::make_unique<Stream>();
+        entry->index = static_cast<int>(index);
+        entry->kind = Kind::kCaptions;
+        entry->stream = m_context->streams[index];
+        entry->timeBase = entry->stream->time_base;
+        entry->dropFrame = captionFile && CountsDropFrame(m_options.url);
+        entry->timescale = static_cast<std::uint32_t>(captionFile ? kLine21.den
+                                                                  : entry->timeBase.den);
+        m_captionSource = captionFile ? CaptionSource::kFile : CaptionSource::kTrack;
+        m_captionTrack.timescale = entry->timescale;
+        if (entry->stream->codecpar->codec_tag == kC708)
+            m_captionTrack.codec = MP4_SUBTITLE_CEA708;
+        m_streams.push_back(std::move(entry));
+    } else if (video != m_tracks.end() && video->codec != MP4_VIDEO_PRORES) {
+        m_captionSource = CaptionSource::kPictures;
+        m_captionTrack.timescale = video->timescale;
+    } else {
+        return;
+    }
+    if (m_options.captionCodec != 0)
+        m_captionTrack.codec = m_options.captionCodec;
+    m_packer.emplace(m_captionTrack.codec,
+                     video != m_tracks.end() ? video->rate : AVRational{0, 1});
+    m_captionPadding = m_packer->Padding();
+}
+
+void Input::FindTimeCode(int video)
+{
+    if (video < 0)
+        return;
+    const auto take = [this](const AVDictionary* items, AVRational rate) {
+        const AVDictionaryEntry* item = av_dict_get(items, "timecode", nullptr, 0);
+        if (!item || !m_timeCode.empty())
+            return;
+        m_timeCode = item->value;
+        m_timeCodeRate = rate;
+    };
+    const AVRational rate =
+        std::ranges::find(m_tracks, Kind::kVideo, &TrackInfo::kind)->rate;
+    // A time-code track has a rate of its own, which may be half that of the pictures.
+    for (unsigned i = 0; i < m_context->nb_streams; ++i) {
+        const AVStream* stream = m_context->streams[i];
+        if (stream->codecpar->codec_tag == MKTAG('t', 'm', 'c', 'd'))
+            take(stream->metadata, stream->avg_frame_rate.num > 0 ? stream->avg_frame_rate : rate);
+    }
+    take(m_context->streams[video]->metadata, rate);
+    take(m_context->metadata, rate);
+}
+
 void Input::Read()
 {
     AVPacket* packet = av_packet_alloc();
@@ -328,6 +417,8 @@ void Input::Read()
         }
         av_packet_unref(packet);
     }
+    for (const auto& stream : m_streams)
+        ReleaseCaptions(*stream, std::numeric_limits<std::int64_t>::max());
     if (error < 0 && error != AVERROR_EOF && error != AVERROR_EXIT && !g_stop) {
         const std::lock_guard hold(m_mutex);
         m_trouble = "reading " + m_options.url + " ended early: " + ErrorText(error);
@@ -336,11 +427,18 @@ void Input::Read()
 
 void Input::Deliver(Stream& stream, AVPacket* packet)
 {
+    if (stream.kind == Kind::kCaptions) {
+        if (m_captionSource == CaptionSource::kFile)
+            DeliverCaptionFile(stream, packet);
+        else
+            DeliverCaptionPacket(stream, packet);
+        return;
+    }
     const AVRational ticks{1, static_cast<int>(stream.timescale)};
     // The one time of the library is the decoding time, which rises with every picture; it is moved
     // so that the first picture keeps its presentation time.
     std::int64_t stamp = packet->dts != AV_NOPTS_VALUE ? packet->dts : packet->pts;
-    if (stream.isVideo && packet->pts != AV_NOPTS_VALUE && packet->dts != AV_NOPTS_VALUE) {
+    if (stream.kind == Kind::kVideo && packet->pts != AV_NOPTS_VALUE && packet->dts != AV_NOPTS_VALUE) {
         if (stream.first)
             stream.reorderDelay = packet->pts - packet->dts;
         if (packet->pts - packet->dts != stream.reorderDelay)
@@ -357,24 +455,126 @@ void Input::Deliver(Stream& stream, AVPacket* packet)
         time = scaled - stream.originTicks;
         // A coarse time base makes AAC frames seem uneven; within its step the count is exact.
         const std::int64_t step = av_rescale_q_rnd(1, stream.timeBase, ticks, AV_ROUND_UP);
-        if (!stream.isVideo && !stream.first && std::llabs(time - stream.next) <= step)
+        if (stream.kind != Kind::kVideo && !stream.first && std::llabs(time - stream.next) <= step)
             time = stream.next;
     }
     if (time < 0 ||
         (stream.first && static_cast<double>(time) > kLateStart * stream.timescale))
         time = 0;
-    if (stream.last && time <= *stream.last && stream.isVideo)
+    if (stream.last && time <= *stream.last && stream.kind == Kind::kVideo)
         time = *stream.last + 1;  // the tables take rising times only
     stream.first = false;
     stream.last = time;
     stream.next = time + stream.ticksPerFrame;
 
     Frame frame;
-    frame.isVideo = stream.isVideo;
+    frame.kind = stream.kind;
     frame.time = time;
     frame.seconds = static_cast<double>(time) / stream.timescale;
     frame.data.assign(packet->data, packet->data + packet->size);
 
+    Queue(std::move(frame));
+    if (stream.kind == Kind::kVideo && m_captionSource == CaptionSource::kPictures)
+        DeliverPicturesCaptions(stream, packet, time, stamp);
+}
+
+void Input::DeliverPicturesCaptions(Stream& stream, const AVPacket* packet, std::int64_t time,
+                                    std::int64_t stamp)
+{
+    constexpr std::size_t kReorderedPictures = 32;  // more than any stream moves
+    // Captions follow each other in the order in which their pictures are shown.
+    std::int64_t shown = time;
+    std::int64_t decoded = time;
+    if (!stream.counted && packet->pts != AV_NOPTS_VALUE && packet->dts != AV_NOPTS_VALUE) {
+        const auto distance = [&](std::int64_t from) {
+            return av_rescale_q(from - stamp, stream.timeBase,
+                                {1, static_cast<int>(stream.timescale)});
+        };
+        shown = std::max<std::int64_t>(0, time + distance(packet->pts));
+        decoded = time + distance(packet->dts);
+    }
+    CaptionEntries entries =
+        EntriesOfPicture(packet->data, static_cast<std::size_t>(packet->size), stream.hevc);
+    if (!entries.empty())
+        stream.held.emplace(shown, std::move(entries));
+    // No picture is shown before it is decoded, so that nothing can come between any more.
+    ReleaseCaptions(stream, decoded);
+    if (stream.held.size() > kReorderedPictures)
+        ReleaseCaptions(stream, stream.held.begin()->first);
+}
+
+void Input::ReleaseCaptions(Stream& stream, std::int64_t time)
+{
+    while (!stream.held.empty() && stream.held.begin()->first <= time) {
+        const auto first = stream.held.begin();
+        DeliverCaptions(first->first, stream.ticksPerFrame, m_packer->Pack(first->second, true));
+        stream.held.erase(first);
+    }
+}
+
+void Input::DeliverCaptionPacket(Stream& stream, const AVPacket* packet)
+{
+    const auto size = static_cast<std::size_t>(packet->size);
+    std::vector<Bytes> frames;
+    if (stream.stream->codecpar->codec_id == AV_CODEC_ID_EIA_608) {
+        frames = m_packer->Pack(EntriesOfEia608(packet->data, size), false);
+    } else {
+        std::vector<Bytes> packets;
+        if (!PacketsOfC708(packet->data, size, packets))
+            ++m_brokenCaptions;
+        for (const Bytes& cdp : packets) {
+            CaptionEntries entries;
+            if (m_captionTrack.codec == MP4_SUBTITLE_CEA708)
+                frames.push_back(m_packer->PackPacket(cdp));
+            else if (EntriesOfCdp(cdp, entries))
+                std::ranges::move(m_packer->Pack(entries, true), std::back_inserter(frames));
+            else
+                ++m_brokenCaptions;
+        }
+    }
+    const AVRational ticks{1, static_cast<int>(stream.timescale)};
+    m_brokenCaptions += std::erase(frames, Bytes{});
+    const std::int64_t stamp = packet->pts != AV_NOPTS_VALUE ? packet->pts : packet->dts;
+    if (stamp == AV_NOPTS_VALUE)
+        return;
+    const std::int64_t time = av_rescale_q(stamp, stream.timeBase, ticks) -
+                              std::llround(m_origin.value_or(0) * stream.timescale);
+    std::int64_t span = av_rescale_q(static_cast<std::int64_t>(frames.size()), kLine21, ticks);
+    if (packet->duration > 0)
+        span = std::min(span, av_rescale_q(packet->duration, stream.timeBase, ticks));
+    DeliverCaptions(std::max<std::int64_t>(time, 0), span, frames);
+}
+
+void Input::DeliverCaptionFile(Stream& stream, const AVPacket* packet)
+{
+    const std::int64_t milliseconds = av_rescale_q(packet->pts, stream.timeBase, {1, 1000});
+    const std::vector<Bytes> frames = m_packer->Pack(
+        EntriesOfEia608(packet->data, static_cast<std::size_t>(packet->size)), false);
+    // Each pair takes the line 21 of one picture, from the line's time on.
+    std::int64_t time = CaptionFileFrame(milliseconds, stream.dropFrame) * kLine21.num;
+    if (m_lastCaption)
+        time = std::max(time, *m_lastCaption + kLine21.num);
+    DeliverCaptions(time, static_cast<std::int64_t>(frames.size()) * kLine21.num, frames);
+}
+
+void Input::DeliverCaptions(std::int64_t time, std::int64_t span, const std::vector<Bytes>& frames)
+{
+    const auto count = static_cast<std::int64_t>(frames.size());
+    for (std::int64_t n = 0; n < count; ++n) {
+        Frame frame;
+        frame.kind = Kind::kCaptions;
+        frame.time = time + span * n / count;
+        if (m_lastCaption)
+            frame.time = std::max(frame.time, *m_lastCaption + 1);
+        m_lastCaption = frame.time;
+        frame.seconds = static_cast<double>(frame.time) / m_captionTrack.timescale;
+        frame.data = frames[static_cast<std::size_t>(n)];
+        Queue(std::move(frame));
+    }
+}
+
+void Input::Queue(Frame frame)
+{
     std::unique_lock hold(m_mutex);
     while ((m_queue.size() >= kQueueFrames || m_queuedBytes >= kQueueBytes) && !m_leave && !g_stop)
         m_changed.wait_for(hold, kMoment);
@@ -391,6 +591,14 @@ void Input::WaitUntilOpen()
         m_changed.wait_for(hold, kMoment);
     if (m_failure && !m_open)
         std::rethrow_exception(m_failure);
+}
+
+double Input::FrameSeconds(Kind kind) const
+{
+    const auto track = std::ranges::find(m_tracks, kind, &TrackInfo::kind);
+    return track == m_tracks.end()
+               ? 0
+               : static_cast<double>(track->sampleDuration) / track->timescale;
 }
 
 Input::Head Input::Look(double* seconds)

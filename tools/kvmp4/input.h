@@ -2,10 +2,13 @@
 // and reads it, so that two inputs may be FIFOs that are opened in either order.
 #pragma once
 
+#include "captions.h"
+
 #include <atomic>
 #include <condition_variable>
 #include <cstdint>
 #include <deque>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -27,17 +30,22 @@ struct InputOptions {
     std::string format;         // empty: probed
     std::string video = "auto";  // "auto", "none" or a stream's index
     std::string audio = "auto";
+    std::string captions = "auto";  // as well as "video": those in the pictures alone
+    std::uint32_t captionCodec = 0;  // MP4_SUBTITLE_*, 0: that of the source
     AVRational fps{0, 1};  // for streams without times; 0: the stream's own
 };
 
+enum class Kind { kVideo, kAudio, kCaptions };
+
 // A stream that will be recorded, in terms of the library.
 struct TrackInfo {
-    bool isVideo = false;
+    Kind kind = Kind::kAudio;
     std::uint32_t timescale = 0;  // ticks per second
-    std::uint32_t codec = 0;      // MP4_VIDEO_* or MP4_AUDIO_*
+    std::uint32_t codec = 0;      // MP4_VIDEO_*, MP4_AUDIO_* or MP4_SUBTITLE_*
     std::uint32_t sampleDuration = 0;  // ticks of a frame, 0 if unknown
     std::uint16_t width = 0;
     std::uint16_t height = 0;
+    AVRational rate{0, 1};  // frames per second of the video
     std::uint32_t proResFormat = 0;
     std::vector<std::uint8_t> sps, pps, vps;
     std::uint16_t sampleRate = 0;
@@ -47,10 +55,18 @@ struct TrackInfo {
 };
 
 struct Frame {
-    bool isVideo = false;
+    Kind kind = Kind::kAudio;
     std::int64_t time = 0;  // ticks of the track's timescale
     double seconds = 0;
     std::vector<std::uint8_t> data;
+};
+
+// Where an input's captions come from.
+enum class CaptionSource {
+    kNone,
+    kPictures,  // may ride in the video; nobody knows before they come
+    kTrack,     // a track of the file
+    kFile,      // a caption file: its times are time codes, counted from 0 o'clock
 };
 
 class Input {
@@ -63,7 +79,18 @@ public:
     // Waits until the input is open; throws what kept it from opening. Tracks are known then.
     void WaitUntilOpen();
     const std::vector<TrackInfo>& Tracks() const { return m_tracks; }
+    // How long a frame of a track lasts.
+    double FrameSeconds(Kind kind) const;
     bool HasReordering() const { return m_reordered; }
+    CaptionSource Captions() const { return m_captionSource; }
+    // The track of the caption frames; it is not among Tracks, as there may never be any.
+    const TrackInfo& CaptionTrack() const { return m_captionTrack; }
+    // A caption frame that says nothing.
+    const Bytes& CaptionPadding() const { return m_captionPadding; }
+    // The time code that the input carries, empty if none, and the rate it counts at.
+    const std::string& TimeCode() const { return m_timeCode; }
+    AVRational TimeCodeRate() const { return m_timeCodeRate; }
+    std::uint64_t BrokenCaptions() const { return m_brokenCaptions; }
 
     // What stands at the head of the queue.
     enum class Head { kFrame, kWaiting, kFull, kEnd };
@@ -83,15 +110,34 @@ private:
     void Choose();
     void AddVideo(int index);
     void AddAudio(int index);
+    void ChooseCaptions(bool captionFile);
+    void FindTimeCode(int video);
     void Read();
     void Deliver(Stream& stream, AVPacket* packet);
+    void DeliverPicturesCaptions(Stream& stream, const AVPacket* packet, std::int64_t time,
+                                 std::int64_t stamp);
+    void DeliverCaptionPacket(Stream& stream, const AVPacket* packet);
+    void DeliverCaptionFile(Stream& stream, const AVPacket* packet);
+    // Captions whose pictures are shown by `time`, in the order of the pictures.
+    void ReleaseCaptions(Stream& stream, std::int64_t time);
+    void DeliverCaptions(std::int64_t time, std::int64_t span, const std::vector<Bytes>& frames);
+    void Queue(Frame frame);
 
     const InputOptions m_options;
     AVFormatContext* m_context = nullptr;
     std::vector<std::unique_ptr<Stream>> m_streams;
     std::vector<TrackInfo> m_tracks;
     std::atomic<bool> m_reordered{false};
-    std::optional<double> m_origin;  // the first time of all streams, seconds
+    std::optional<double> m_origin;  // the first time of video and audio, seconds
+
+    CaptionSource m_captionSource = CaptionSource::kNone;
+    TrackInfo m_captionTrack;
+    Bytes m_captionPadding;
+    std::optional<CaptionPacker> m_packer;
+    std::optional<std::int64_t> m_lastCaption;  // ticks
+    std::atomic<std::uint64_t> m_brokenCaptions{0};
+    std::string m_timeCode;
+    AVRational m_timeCodeRate{0, 1};
 
     std::mutex m_mutex;  // guards what follows
     std::condition_variable m_changed;

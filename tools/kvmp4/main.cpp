@@ -26,6 +26,15 @@ times rise evenly, and a decoder brings the pictures into their order. Presentat
 from picture to picture, which the file's table of differences cannot hold. Encode without B-frames
 (-bf 0) for exact times.
 
+Captions: CEA-608 and CEA-708 come from an .scc file given as an input, from a caption track (c608,
+c708) of an input, or from the SEI data of H.264 and HEVC video; the first that is there is taken.
+They are recorded as CEA-608, which most readers know, or a c708 track as CEA-708; --caption-format
+decides otherwise: 708 keeps all that rides in the video, 608 its two fields. The times of an .scc
+file count from the recording's time code, or from its beginning where they lie before that.
+
+Time code: the one of the input's time-code track or metadata, unless --timecode gives or drops it.
+It is kept in both kinds of file; most players look for it in MOV files only.
+
 Metadata keys: title, artist, album_artist, composer, album, date, encoding_tool, comment, genre,
 copyright, grouping, lyrics, description, synopsis, show, episode_id, network, and any key that
 begins with "com.".
@@ -58,13 +67,19 @@ int main(int argc, char** argv)
     CLI::App* record = app.add_subcommand("record", "Record from files, pipes, streams or devices");
     record->footer(kRecordHelp);
     record->add_option("-i,--input", options.inputs,
-                       "Input: a file, pipe, URL or device; twice for video and audio apart")
+                       "Input: a file, pipe, URL or device; again for audio or captions apart")
         ->required()
-        ->expected(1, 2);
+        ->expected(1, 3);
     record->add_option("-o,--output", options.output, "The file to record to")->required();
     record->add_option("-f,--format", options.format, "Input format, as FFmpeg names it");
     record->add_option("--video", options.video, "Video stream: auto, none or its index");
     record->add_option("--audio", options.audio, "Audio stream: auto, none or its index");
+    record->add_option("--captions", options.captions,
+                       "Captions: auto, none, video or a stream's index");
+    record->add_option("--caption-format", options.captionFormat,
+                       "What the caption track holds: 608 or 708");
+    record->add_option("--timecode", options.timeCode,
+                       "Time code of the first frame: HH:MM:SS:FF (;FF drops frames), auto or none");
     record->add_option("--fps", options.fps,
                        "Frame rate of a raw stream without times, e.g. 25 or 30000/1001");
     record->add_option("--metadata", options.metadata, "An item key=value; may be repeated")

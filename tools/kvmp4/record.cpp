@@ -1,6 +1,7 @@
 #include "record.h"
 
 #include "failure.h"
+#include "timecode.h"
 
 #include <kv_mp4.h>
 
@@ -8,9 +9,12 @@
 
 #include <algorithm>
 #include <chrono>
+#include <cmath>
 #include <cstdlib>
 #include <filesystem>
 #include <memory>
+#include <optional>
+#include <string>
 #include <string_view>
 #include <thread>
 
@@ -22,6 +26,7 @@ extern "C" {
 
 namespace {
 
+using namespace std::string_literals;
 using Clock = std::chrono::steady_clock;
 
 const char* StatusText(std::uint32_t status)
@@ -102,7 +107,10 @@ public:
     void Announce(const TrackInfo& track)
     {
         std::uint32_t status = 0;
-        if (track.isVideo) {
+        if (track.kind == Kind::kCaptions) {
+            const mp4_subtitle_track_info info{track.codec, track.timescale};
+            status = mp4_set_subtitle_track(m_file, &info);
+        } else if (track.kind == Kind::kVideo) {
             mp4_video_track_info info{};
             info.timescale = track.timescale;
             info.sample_duration = track.sampleDuration;
@@ -135,6 +143,22 @@ public:
                           "the " + track.name + " track cannot be set up: " + StatusText(status));
     }
 
+    // The time code of the first frame.
+    void Announce(const TimeCode& code)
+    {
+        constexpr std::uint32_t kDropFrame = 1, kWrapsAtMidnight = 2;
+        mp4_time_code_track_info info{};
+        info.timescale = static_cast<std::uint32_t>(code.rate.num);
+        info.frame_duration = static_cast<std::uint64_t>(code.rate.den);
+        info.frames_per_second = code.base;
+        info.flags = kWrapsAtMidnight | (code.dropFrame ? kDropFrame : 0);
+        std::uint32_t status = mp4_set_time_code_track(m_file, &info);
+        if (status == MP4_OK)
+            status = mp4_write_time_code(m_file, code.frame);
+        if (status != MP4_OK)
+            throw Failure(kExitWrite, "the time code cannot be written: "s + StatusText(status));
+    }
+
     void SetMetadata(const std::string& item)
     {
         const std::size_t equals = item.find('=');
@@ -151,9 +175,10 @@ public:
         try {
             const auto size = static_cast<std::uint32_t>(frame.data.size());
             const auto time = static_cast<std::uint64_t>(frame.time);
-            status = frame.isVideo
-                         ? mp4_write_video_frame(m_file, frame.data.data(), size, time)
-                         : mp4_write_audio_frame(m_file, frame.data.data(), size, time);
+            const auto write = frame.kind == Kind::kVideo   ? mp4_write_video_frame
+                               : frame.kind == Kind::kAudio ? mp4_write_audio_frame
+                                                            : mp4_write_subtitle_frame;
+            status = write(m_file, frame.data.data(), size, time);
         } catch (const kv_mp4_exception& error) {
             throw Failure(kExitWrite, "writing " + m_path + " failed: " +
                                           std::generic_category().message(error.code));
@@ -186,8 +211,136 @@ void Warn(const std::string& sentence)
     fmt::print(stderr, "kvmp4: {}\n", sentence);
 }
 
+// The caption track. It is announced when the first caption comes: a file without any has none.
+class CaptionRecorder {
+public:
+    // `start` is the moment of the first frame on the clock of the time code.
+    CaptionRecorder(Output& output, Input* source, double start)
+        : m_output(output), m_source(source), m_start(start)
+    {
+    }
+
+    // A frame from any input; those of others than the source are dropped.
+    void Write(const Input* from, Frame frame)
+    {
+        if (from != m_source)
+            return;
+        if (m_source->Captions() == CaptionSource::kFile) {
+            // Such a file counts from the same clock, or from the beginning of the recording.
+            if (!m_begun)
+                m_shift = frame.seconds >= m_start ? m_start : 0;
+            frame.time -= std::llround(m_shift * m_source->CaptionTrack().timescale);
+        }
+        if (!m_begun) {
+            m_output.Announce(m_source->CaptionTrack());
+            // A track begins with its first sample: this one keeps the first caption at its time.
+            if (frame.time > 0)
+                WritePadding(0);
+            m_begun = true;
+        }
+        m_output.Write(frame);
+        m_gap = frame.time - m_last;
+        m_last = frame.time;
+    }
+
+    // The last sample lasts as long as the one before. After a pause this would be beyond the end
+    // of the recording; a sample half-way to it makes both end together.
+    void Finish(double end)
+    {
+        if (!m_begun)
+            return;
+        const auto left = std::llround(end * m_source->CaptionTrack().timescale) - m_last;
+        if (left > 1 && m_gap > left)
+            WritePadding(m_last + left / 2);
+    }
+
+    // From an input that holds nothing but captions: those up to a moment.
+    void WriteUntil(double seconds)
+    {
+        if (!m_source || !m_source->Tracks().empty())
+            return;
+        while (!g_stop) {
+            double next = 0;
+            const Input::Head head = m_source->Look(&next);
+            if (head == Input::Head::kEnd)
+                return;
+            if (head == Input::Head::kWaiting) {
+                m_source->WaitForMore();
+                continue;
+            }
+            if (m_source->Captions() == CaptionSource::kFile)
+                next -= m_begun ? m_shift : next >= m_start ? m_start : 0;
+            if (next > seconds)
+                return;
+            Write(m_source, m_source->Take());
+        }
+    }
+
+private:
+    void WritePadding(std::int64_t time)
+    {
+        Frame padding;
+        padding.kind = Kind::kCaptions;
+        padding.time = time;
+        padding.data = m_source->CaptionPadding();
+        m_output.Write(padding);
+    }
+
+    Output& m_output;
+    Input* const m_source;
+    const double m_start;
+    double m_shift = 0;
+    bool m_begun = false;
+    std::int64_t m_last = 0;  // ticks
+    std::int64_t m_gap = 0;   // between the last two captions
+};
+
+// A caption file goes before a track, a track before what may ride in the pictures.
+Input* ChooseCaptions(const std::vector<std::unique_ptr<Input>>& inputs)
+{
+    Input* best = nullptr;
+    for (const auto& input : inputs) {
+        if (best && best->Captions() == CaptionSource::kFile &&
+            input->Captions() == CaptionSource::kFile)
+            throw Failure(kExitUsage, "there is more than one caption file");
+        if (input->Captions() > (best ? best->Captions() : CaptionSource::kNone))
+            best = input.get();
+    }
+    return best;
+}
+
+std::optional<TimeCode> ChooseTimeCode(const RecordOptions& options,
+                                       const std::vector<std::unique_ptr<Input>>& inputs)
+{
+    if (options.timeCode == "none")
+        return std::nullopt;
+    std::string why;
+    for (const auto& input : inputs) {
+        const auto video =
+            std::ranges::find(input->Tracks(), Kind::kVideo, &TrackInfo::kind);
+        if (video == input->Tracks().end())
+            continue;
+        if (options.timeCode != "auto") {
+            auto code = ParseTimeCode(options.timeCode, video->rate, why);
+            if (!code)
+                throw Failure(kExitUsage, "the time code \"" + options.timeCode + "\" " + why);
+            return code;
+        }
+        if (input->TimeCode().empty())
+            continue;
+        auto code = ParseTimeCode(input->TimeCode(), input->TimeCodeRate(), why);
+        if (!code)
+            Warn("the time code of the input is left out: \"" + input->TimeCode() + "\" " + why);
+        return code;
+    }
+    if (options.timeCode != "auto")
+        throw Failure(kExitUsage, "--timecode needs a video");
+    return std::nullopt;
+}
+
 // The input whose next frame comes first; null at the end. Waits for an input without a frame,
-// unless another is full: its writer may be the one that feeds both.
+// unless another is full: its writer may be the one that feeds both. Inputs that hold nothing but
+// captions are left alone.
 Input* Next(const std::vector<std::unique_ptr<Input>>& inputs)
 {
     while (true) {
@@ -196,6 +349,8 @@ Input* Next(const std::vector<std::unique_ptr<Input>>& inputs)
         bool full = false;
         double bestTime = 0;
         for (const auto& input : inputs) {
+            if (input->Tracks().empty())
+                continue;
             double seconds = 0;
             const Input::Head head = input->Look(&seconds);
             if (head == Input::Head::kWaiting)
@@ -216,6 +371,10 @@ Input* Next(const std::vector<std::unique_ptr<Input>>& inputs)
 
 void CheckOptions(const RecordOptions& options, AVRational& fps)
 {
+    if (!options.captionFormat.empty() && options.captionFormat != "608" &&
+        options.captionFormat != "708")
+        throw Failure(kExitUsage, "captions are recorded as 608 or 708, not as \"" +
+                                      options.captionFormat + "\"");
     if (!options.fps.empty() &&
         (av_parse_video_rate(&fps, options.fps.c_str()) < 0 || fps.num <= 0))
         throw Failure(kExitUsage, "\"" + options.fps + "\" is no frame rate");
@@ -251,11 +410,16 @@ void Record(const RecordOptions& options)
     AVRational fps{0, 1};
     CheckOptions(options, fps);
 
+    const std::uint32_t captionCodec = options.captionFormat == "608"   ? MP4_SUBTITLE_CEA608
+                                       : options.captionFormat == "708" ? MP4_SUBTITLE_CEA708
+                                                                        : 0;
+
     // 1. All inputs open side by side: FIFOs may be fed in any order.
     std::vector<std::unique_ptr<Input>> inputs;
     for (const std::string& url : options.inputs)
         inputs.push_back(std::make_unique<Input>(
-            InputOptions{url, options.format, options.video, options.audio, fps}));
+            InputOptions{url, options.format, options.video, options.audio, options.captions,
+                         captionCodec, fps}));
     std::vector<const TrackInfo*> tracks;
     for (const auto& input : inputs) {
         input->WaitUntilOpen();
@@ -266,17 +430,26 @@ void Record(const RecordOptions& options)
         }
         for (const TrackInfo& track : input->Tracks()) {
             for (const TrackInfo* other : tracks)
-                if (other->isVideo == track.isVideo)
+                if (other->kind == track.kind)
                     throw Failure(kExitStream, "both inputs hold the same kind of stream; choose "
                                                "with --video or --audio");
             tracks.push_back(&track);
         }
     }
 
+    if (tracks.empty())
+        throw Failure(kExitStream, "captions alone cannot be recorded; give a video or audio too");
+    Input* const captionSource = ChooseCaptions(inputs);
+    const std::optional<TimeCode> timeCode = ChooseTimeCode(options, inputs);
+
     // 2. The output, only now: a failing input leaves no file.
     Output output(options);
     for (const TrackInfo* track : tracks)
         output.Announce(*track);
+    if (timeCode)
+        output.Announce(*timeCode);
+    CaptionRecorder captions(output, captionSource,
+                             timeCode ? timeCode->frame / av_q2d(timeCode->rate) : 0);
     for (const std::string& item : options.metadata)
         output.SetMetadata(item);
 
@@ -286,14 +459,18 @@ void Record(const RecordOptions& options)
     std::uint64_t frames = 0;
     std::uint64_t bytes = 0;
     double seconds = 0;
+    double end = 0;  // of the last frame, seconds
     bool warned = false;
     while (!g_stop) {
         Input* const input = Next(inputs);
         if (!input)
             break;
-        const Frame frame = input->Take();
-        if (options.duration > 0 && frame.seconds >= options.duration)
+        Frame frame = input->Take();
+        if (options.duration > 0 && frame.seconds >= options.duration) {
+            if (frame.kind == Kind::kCaptions)
+                continue;  // they may run ahead of the rest
             break;
+        }
         if (options.realtime) {
             const auto due = start + std::chrono::duration_cast<Clock::duration>(
                                          std::chrono::duration<double>(frame.seconds));
@@ -301,23 +478,32 @@ void Record(const RecordOptions& options)
                 std::this_thread::sleep_for(
                     std::min<Clock::duration>(due - Clock::now(), std::chrono::milliseconds(50)));
         }
+        if (frame.kind == Kind::kCaptions) {
+            captions.Write(input, std::move(frame));
+            continue;
+        }
         output.Write(frame);
+        captions.WriteUntil(frame.seconds);
         if (input->HasReordering() && !warned) {
             progress.Clear();
             Warn("the video has B-frames: pictures keep their decoding times (see --help)");
             warned = true;
         }
-        frames += frame.isVideo;
+        frames += frame.kind == Kind::kVideo;
         bytes += frame.data.size();
         seconds = std::max(seconds, frame.seconds);
+        end = std::max(end, frame.seconds + input->FrameSeconds(frame.kind));
         progress.Update(frames, seconds, bytes);
     }
     progress.Clear();
 
     // 4. A proper end, whatever ended the loop.
+    captions.Finish(end);
     output.Close();
     if (output.Broken() > 0)
         Warn(fmt::format("{} broken frames were left out", output.Broken()));
+    if (captionSource && captionSource->BrokenCaptions() > 0)
+        Warn(fmt::format("{} broken captions were left out", captionSource->BrokenCaptions()));
     for (const auto& input : inputs)
         if (const std::string trouble = input->Trouble(); !trouble.empty())
             throw Failure(kExitInput, trouble + "; what came before is recorded");

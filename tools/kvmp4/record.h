@@ -13,6 +13,9 @@ struct RecordOptions {
     std::string format;
     std::string video = "auto";
     std::string audio = "auto";
+    std::string captions = "auto";
+    std::string captionFormat;  // "608", "708" or empty: that of the source
+    std::string timeCode = "auto";
     std::string fps;
     std::vector<std::string> metadata;  // key=value
     double duration = 0;                // seconds; 0: to the end

@@ -16,10 +16,6 @@ constexpr std::size_t kAtomHeader = 8;
 constexpr std::ptrdiff_t kPacketEntries = 31;  // what the count of a packet can say
 
 bool IsLine21(const CaptionEntry& entry) { return (entry[0] & 3) < 2; }
-bool IsPadding(const CaptionEntry& entry)
-{
-    return (entry[1] & 0x7f) == 0 && (entry[2] & 0x7f) == 0;  // bit 7 is parity
-}
 
 void AppendEntries(const std::uint8_t* data, std::size_t count, CaptionEntries& entries)
 {
@@ -99,32 +95,8 @@ CaptionEntries EntriesOfPicture(const std::uint8_t* data, std::size_t size, bool
 
 CaptionEntries EntriesOfEia608(const std::uint8_t* data, std::size_t size)
 {
-    // Before version 7 libavformat takes a `c608` sample for a single atom of field 1: the headers of
-    // further atoms come out as pairs. Nothing else looks like them, since each byte of CEA-608 has
-    // an odd number of ones.
-    constexpr std::size_t kHeaderPairs = kAtomHeader / 2;
-    CaptionEntries all;
-    AppendEntries(data, size / 3, all);
     CaptionEntries entries;
-    std::uint8_t mark = 0;
-    std::size_t left = 0;  // pairs of an atom whose header was found
-    for (std::size_t at = 0; at < all.size(); ++at) {
-        const CaptionEntry* const pair = &all[at];
-        const auto isHeader = [&] {
-            return at + kHeaderPairs < all.size() && pair[0][1] == 0 && pair[0][2] == 0 &&
-                   pair[2][1] == 'c' && pair[2][2] == 'd' &&
-                   ((pair[3][1] == 'a' && pair[3][2] == 't') ||
-                    (pair[3][1] == 't' && pair[3][2] == '2'));
-        };
-        if (left == 0 && isHeader()) {
-            mark = pair[3][1] == 'a' ? 0xfc : 0xfd;
-            left = (static_cast<std::size_t>(pair[1][1]) << 8 | pair[1][2]) / 2 - kHeaderPairs;
-            at += kHeaderPairs - 1;
-            continue;
-        }
-        entries.push_back({left > 0 ? mark : pair[0][0], pair[0][1], pair[0][2]});
-        left -= left > 0;
-    }
+    AppendEntries(data, size / 3, entries);
     return entries;
 }
 
@@ -190,9 +162,6 @@ std::vector<Bytes> CaptionPacker::Pack(const CaptionEntries& entries, bool whole
         if (!IsLine21(entry) || (entry[0] & kValid) == 0)
             continue;
         const std::size_t field = entry[0] & 1;
-        if (field == 1 && !m_field2 && IsPadding(entry))
-            continue;
-        m_field2 |= field == 1;
         if (used[field] == moments.size())
             moments.emplace_back();
         moments[used[field]++].push_back(entry);

@@ -32,16 +32,16 @@ bool PacketsOfC708(const std::uint8_t* data, std::size_t size, std::vector<Bytes
 // The entries in a CDP. False if it is broken.
 bool EntriesOfCdp(const Bytes& packet, CaptionEntries& entries);
 
-// The library's frames. Padding of field 2 is left out until that field has said something, as most
-// readers know one field only; entries that are not valid are left out.
+// The library's frames. Of CEA-608, entries that are not valid are left out.
 class CaptionPacker {
 public:
     // `codec` is MP4_SUBTITLE_*; `rate` is that of the pictures, for the packets.
     CaptionPacker(std::uint32_t codec, AVRational rate);
 
     // The frames for one moment. For CEA-608 the second pair of a field begins a second frame, and
-    // so on: readers take one pair of a field from a sample. For CEA-708 it is a single one, up to
-    // the 31 entries that a packet can count, when `whole`, else one for each pair.
+    // so on: line 21 of a picture has room for one, and some readers take no more from a sample. For
+    // CEA-708 it is a single one, up to the 31 entries that a packet can count, when `whole`, else
+    // one for each pair.
     std::vector<Bytes> Pack(const CaptionEntries& entries, bool whole);
     // A packet as it stands; CEA-708 only. Empty if it does not fit a frame.
     Bytes PackPacket(const Bytes& packet) const;
@@ -55,5 +55,4 @@ private:
     std::uint32_t m_codec;
     std::uint8_t m_rateCode;
     std::uint16_t m_sequence = 0;
-    bool m_field2 = false;  // field 2 has said something
 };

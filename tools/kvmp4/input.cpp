@@ -48,10 +48,12 @@ bool CountsDropFrame(std::string path)
     if (path.starts_with("file:"))
         path.erase(0, 5);
     std::ifstream file(path);
+    if (!file)
+        return true;  // a pipe or URL: labels of drop frame keep close to the clock
     for (std::string line; std::getline(file, line);)
         if (line.size() > 11 && line[2] == ':' && line[5] == ':')
             return line[8] != ':';
-    return true;  // a pipe: drop-frame labels stay close to the clock
+    throw Failure(kExitInput, path + " holds no captions");
 }
 
 // Bits of an AudioSpecificConfig.

@@ -17,6 +17,8 @@
 #include <string>
 #include <string_view>
 #include <thread>
+#include <utility>
+#include <vector>
 
 #include <unistd.h>
 
@@ -214,10 +216,25 @@ void Warn(const std::string& sentence)
 // The caption track. It is announced when the first caption comes: a file without any has none.
 class CaptionRecorder {
 public:
-    // `start` is the moment of the first frame on the clock of the time code.
-    CaptionRecorder(Output& output, Input* source, double start)
-        : m_output(output), m_source(source), m_start(start)
+    // `leader` is the kind of the track whose first frame the captions count from, as its track
+    // does; `start` is the moment of that frame on the clock of the time code.
+    CaptionRecorder(Output& output, Input* source, Kind leader, double start)
+        : m_output(output), m_source(source), m_leader(leader), m_start(start)
     {
+    }
+
+    // Called with each frame of video and sound once it is written.
+    void Follow(const Frame& frame)
+    {
+        if (!m_source || (!m_zero && frame.kind != m_leader))
+            return;
+        if (!m_zero) {
+            m_zero = frame.seconds;
+            for (Frame& early : std::exchange(m_early, {}))
+                Write(m_source, std::move(early));
+        }
+        if (m_source->Tracks().empty())
+            WriteUntil(frame.seconds - *m_zero);
     }
 
     // A frame from any input; those of others than the source are dropped.
@@ -225,12 +242,12 @@ public:
     {
         if (from != m_source)
             return;
-        if (m_source->Captions() == CaptionSource::kFile) {
-            // Such a file counts from the same clock, or from the beginning of the recording.
-            if (!m_begun)
-                m_shift = frame.seconds >= m_start ? m_start : 0;
-            frame.time -= std::llround(m_shift * m_source->CaptionTrack().timescale);
+        if (!m_zero) {
+            m_early.push_back(std::move(frame));
+            return;
         }
+        frame.time -= std::llround(Shift(frame.seconds) * m_source->CaptionTrack().timescale);
+        frame.time = std::max(frame.time, m_begun ? m_last + 1 : 0);
         if (!m_begun) {
             m_output.Announce(m_source->CaptionTrack());
             // A track begins with its first sample: this one keeps the first caption at its time.
@@ -249,16 +266,15 @@ public:
     {
         if (!m_begun)
             return;
-        const auto left = std::llround(end * m_source->CaptionTrack().timescale) - m_last;
+        const auto left = std::llround((end - *m_zero) * m_source->CaptionTrack().timescale) - m_last;
         if (left > 1 && m_gap > left)
             WritePadding(m_last + left / 2);
     }
 
+private:
     // From an input that holds nothing but captions: those up to a moment.
     void WriteUntil(double seconds)
     {
-        if (!m_source || !m_source->Tracks().empty())
-            return;
         while (!g_stop) {
             double next = 0;
             const Input::Head head = m_source->Look(&next);
@@ -268,15 +284,24 @@ public:
                 m_source->WaitForMore();
                 continue;
             }
-            if (m_source->Captions() == CaptionSource::kFile)
-                next -= m_begun ? m_shift : next >= m_start ? m_start : 0;
-            if (next > seconds)
+            if (next - Shift(next) > seconds)
                 return;
             Write(m_source, m_source->Take());
         }
     }
-
-private:
+    // What is taken from the times of captions, the first of which has this one.
+    double Shift(double first)
+    {
+        if (!m_shift) {
+            // A caption file counts from the same clock as the recording, or from its beginning;
+            // an input's track from the leader, be it in the same input.
+            if (m_source->Captions() == CaptionSource::kFile)
+                m_shift = first >= m_start ? m_start : 0;
+            else
+                m_shift = m_source->Tracks().empty() ? 0 : *m_zero;
+        }
+        return *m_shift;
+    }
     void WritePadding(std::int64_t time)
     {
         Frame padding;
@@ -288,8 +313,11 @@ private:
 
     Output& m_output;
     Input* const m_source;
+    const Kind m_leader;
     const double m_start;
-    double m_shift = 0;
+    std::optional<double> m_zero;   // the time of the leader's first frame, seconds
+    std::optional<double> m_shift;  // seconds
+    std::vector<Frame> m_early;     // came before the leader's first frame
     bool m_begun = false;
     std::int64_t m_last = 0;  // ticks
     std::int64_t m_gap = 0;   // between the last two captions
@@ -448,7 +476,9 @@ void Record(const RecordOptions& options)
         output.Announce(*track);
     if (timeCode)
         output.Announce(*timeCode);
-    CaptionRecorder captions(output, captionSource,
+    const bool hasVideo = std::ranges::any_of(
+        tracks, [](const TrackInfo* track) { return track->kind == Kind::kVideo; });
+    CaptionRecorder captions(output, captionSource, hasVideo ? Kind::kVideo : Kind::kAudio,
                              timeCode ? timeCode->frame / av_q2d(timeCode->rate) : 0);
     for (const std::string& item : options.metadata)
         output.SetMetadata(item);
@@ -483,7 +513,7 @@ void Record(const RecordOptions& options)
             continue;
         }
         output.Write(frame);
-        captions.WriteUntil(frame.seconds);
+        captions.Follow(frame);
         if (input->HasReordering() && !warned) {
             progress.Clear();
             Warn("the video has B-frames: pictures keep their decoding times (see --help)");

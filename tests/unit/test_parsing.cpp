@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdint>
+#include <algorithm>
 #include <random>
 #include <utility>
 #include <vector>
@@ -130,6 +131,36 @@ TEST(Splitting, EqualsThePlainScanOnTwoMillionRandomFrames)
             bits /= 3;
         }
         ASSERT_EQ(Split(frame), Reference(frame)) << testing::PrintToString(frame);
+    }
+}
+
+TEST(Splitting, EqualsThePlainScanWhereverTheZerosOfLongFramesLie)
+{
+    std::mt19937 random(2);
+    Bytes frame;
+    for (int n = 0; n < 50000; ++n) {
+        frame.assign(16000 + random() % 1200, 0x55);  // searched in blocks from 16 KiB on
+        for (std::size_t left = random() % 40; left > 0; --left) {
+            const std::size_t at = random() % (frame.size() - 4);
+            const std::size_t zeros = random() % 5;
+            std::fill_n(frame.begin() + static_cast<std::ptrdiff_t>(at), zeros, 0);
+            frame[at + zeros] = static_cast<std::uint8_t>(random() % 3);
+        }
+        ASSERT_EQ(Split(frame), Reference(frame)) << testing::PrintToString(frame);
+    }
+}
+
+TEST(Splitting, FindsAStartCodeAtEveryPlaceOfALongFrame)
+{
+    for (const std::size_t size : {16383u, 16384u, 16385u, 16640u, 16641u, 16642u, 16643u}) {
+        Bytes frame(size, 0xAA);
+        for (std::size_t at = 0; at + 4 <= size; at += at < 600 || at + 600 > size ? 1 : 7) {
+            frame[at] = frame[at + 1] = 0;
+            frame[at + 2] = 1;
+            const auto rest = static_cast<std::uint32_t>(size - at - 3);
+            ASSERT_EQ(Split(frame), (Units{{at + 3, rest}})) << size << " " << at;
+            frame[at] = frame[at + 1] = frame[at + 2] = 0xAA;
+        }
     }
 }
 

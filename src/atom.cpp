@@ -17,12 +17,6 @@ void CFieldWriter::PascalText(std::string_view text)
     Text(text);
 }
 
-void CFieldWriter::Bytes(const void* data, std::size_t size)
-{
-    if (size != 0 && m_target.IsOpen())
-        m_target.Write(data, static_cast<std::uint32_t>(size));
-}
-
 void CFieldWriter::Zeros(std::size_t count)
 {
     static constexpr std::array<std::uint8_t, 32> zeros{};

@@ -29,7 +29,11 @@ public:
     // One length byte, then the characters.
     void PascalText(std::string_view text);
     // No write at all for no bytes.
-    void Bytes(const void* data, std::size_t size);
+    void Bytes(const void* data, std::size_t size)
+    {
+        if (size != 0 && m_target.IsOpen())
+            m_target.Write(data, static_cast<std::uint32_t>(size));
+    }
     void Zeros(std::size_t count);  // at most 32
     void Fixed16(std::uint32_t whole) { U32(whole << 16); }  // 16.16
     void Fixed8(std::uint32_t whole) { U16(whole << 8); }    // 8.8

@@ -144,6 +144,23 @@ TEST_F(Avcc, ALengthWithoutAnAddressStoresNothing)
     EXPECT_EQ(Refusal(), "LibMp4 : Error - Invalid sps(0) or pps(2) size !\n");
 }
 
+TEST_F(Avcc, AnAddressWithoutALengthIsAnEmptySet)
+{
+    mp4_video_track_info info = Record(MP4_VIDEO_H264, "", kAvcSps, kAvcPps);
+    info.pps_size = 0;
+    box.SetCodecData(info);
+    EXPECT_NE(box.m_pps, nullptr);
+    EXPECT_EQ(Refusal(), "LibMp4 : Error - Invalid sps(8) or pps(0) size !\n");
+}
+
+// Whatever the bytes are: two units in one buffer are one set.
+TEST_F(Avcc, ASetIsCopiedWithoutALookInside)
+{
+    Set(Hex("67 01 02 03  00 00 01 67 04 05 06"), Hex("00"));
+    EXPECT_BYTES(Written(), Hex("0000001f 'avcC' 01 010203 ff e1 000b 67010203000001 67040506"
+                                "01 0001 00"));
+}
+
 TEST_F(Avcc, ANegativeLengthFailsInTheAllocator)
 {
     mp4_video_track_info info = Record(MP4_VIDEO_H264, "", kAvcSps, kAvcPps);
@@ -216,6 +233,79 @@ TEST_F(Hvcc, AHigherTierBringsItsOwnLevel)
 {
     Set(HevcVps(), HevcSps(-1, Hex("21 60 00 00 03 00 90 00 00 03 00 00 03 00 5a")), HevcPps());
     EXPECT_BYTES(Written().substr(9, 12), Hex("21 60000000 900000000000 5a"));
+}
+
+// Profile space 3, high tier, profile 4; 4:4:4 with 10 bits of luma and 12 of chroma; 3 layers in
+// a nest.
+TEST_F(Hvcc, EveryFieldHasItsBits)
+{
+    Set(HevcVps(), HevcSps(), HevcPps());
+    HEVCDecoderConfigurationRecord& c = *box.m_config;
+    c.general_profile_space = 3;
+    c.general_tier_flag = 1;
+    c.general_profile_idc = 4;
+    c.general_profile_compatibility_flags = 0x01020304;
+    c.general_constraint_indicator_flags = 0x05060708090A;
+    c.general_level_idc = 186;
+    c.min_spatial_segmentation_idc = 0xABC;
+    c.parallelismType = 2;
+    c.chromaFormat = 3;
+    c.bitDepthLumaMinus8 = 2;
+    c.bitDepthChromaMinus8 = 4;
+    c.avgFrameRate = 0x1234;
+    c.constantFrameRate = 1;
+    c.numTemporalLayers = 3;
+    c.temporalIdNested = 1;
+    EXPECT_BYTES(Written().substr(8, 23), Hex("01 e4 01020304 05060708090a ba fabc fe ff fa fc"
+                                              "1234 5f 03"));
+}
+
+// 4096 has a bit in common with the four ones before it.
+TEST_F(Hvcc, TheGreatestRestrictionIsStillOne)
+{
+    Set(HevcVps(), HevcSps(4096), HevcPps(true, false));
+    EXPECT_BYTES(Written().substr(21, 3), Hex("f000 fe"));
+}
+
+TEST_F(Hvcc, TwoUnitsOfOneTypeShareAnArray)
+{
+    const std::string sps = HevcSps(), pps = HevcPps();
+    EXPECT_EQ(Set(pps, sps, pps), "");
+    const std::string unit = Hex("0005") + pps;
+    ASSERT_EQ(pps.size(), 5u);
+    const std::string first = Hex("02 22 0002") + unit + unit + Hex("21 0001");
+    const std::string bytes = Written();
+    EXPECT_BYTES(bytes.substr(30, first.size()), first);
+    EXPECT_EQ(box.GetSize(), 31 + 3 + 2 * 7 + 3 + 2 + sps.size());
+    EXPECT_EQ(bytes.size(), box.GetSize());
+}
+
+TEST_F(Hvcc, AUnitIsWrittenAsInTheStream)
+{
+    Set(HevcVps(), HevcSps(), HevcPps());
+    EXPECT_NE(Written().find(Hex("01 60 00 00 03 00 90 00 00 03 00 00 03 00 5d")),
+              std::string::npos);
+}
+
+TEST_F(Hvcc, ALengthWithoutAnAddressStoresNothing)
+{
+    const std::string vps = HevcVps(), sps = HevcSps(), pps = HevcPps();
+    mp4_video_track_info info = Record(MP4_VIDEO_HEVC, vps, sps, pps);
+    info.sps = nullptr;
+    box.SetCodecData(info);
+    EXPECT_EQ(box.m_config->arrays.size(), 2u);
+    EXPECT_EQ(Refusal(), "LibMp4 : Error - NULL hevc head !\n");
+}
+
+TEST_F(Hvcc, AnAddressWithoutALengthDoesNotParse)
+{
+    const std::string vps = HevcVps(), sps = HevcSps(), pps = HevcPps();
+    mp4_video_track_info info = Record(MP4_VIDEO_HEVC, vps, sps, pps);
+    info.sps_size = 0;
+    testing::internal::CaptureStdout();
+    box.SetCodecData(info);
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), "LibMp4 : Error - Parse hevc sps fail !\n");
+    EXPECT_EQ(box.m_config->arrays.size(), 2u);
 }
 
 TEST_F(Hvcc, EightTemporalLayersRunOverIntoTheFrameRate)

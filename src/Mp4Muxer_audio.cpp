@@ -14,10 +14,12 @@ std::uint32_t CMp4Muxer::WriteAudioFrame(const AudioFrame& frame)
         LOG_WARN("write audio frame with empty data");
         return MP4_OK;
     }
-    CheckSafeWrite(frame.size);  // Kept: its result is not looked at
+    // Kept: its result is not looked at; it goes by the size with the header.
+    CheckSafeWrite(frame.size);
 
     // Kept: tested on every frame of every codec; raw frames are told by their bytes alone.
     const bool adts = IsAdtsFrame(frame.data, frame.size);
+    // Kept: only the first header is read; a stream that changes keeps its first description.
     if (!m_audioReady && m_audioInfo.codec == MP4_AUDIO_AAC_ADTS) {
         if (!adts) {
             LOG_ERROR("invalid ADTS stream, please check it.");

@@ -163,7 +163,7 @@ std::uint32_t CMp4Muxer::WriteInfoVideoFrame(std::uint32_t size, std::uint64_t p
         return status;
     ++m_infoFrames;  // Kept: video alone; a log without video is flushed at its end
     if (m_infoFrames - m_infoFlushedFrames >= m_infoFlushInterval) {
-        FlushInfo();  // Kept: its result is dropped; the next packet reports
+        FlushInfo();  // Kept: its result is dropped; a log that ends here ends without a word
         m_infoFlushedFrames = m_infoFrames;
     }
     return MP4_OK;

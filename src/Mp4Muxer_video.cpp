@@ -23,9 +23,12 @@ std::uint32_t CMp4Muxer::WriteVideoFrame(const VideoFrame& frame)
         LOG_ERROR("invalid video track!");
         return MP4_ERR_NO_VIDEO_TRACK;
     }
-    CheckSafeWrite(frame.size);  // Kept: its result is not looked at
+    // Kept: its result is not looked at, and a frame that is dropped below counts as well.
+    CheckSafeWrite(frame.size);
 
     const CMAutoLock hold(m_lock);
+    // Kept: a dropped frame is a success, so that a caller can feed an encoder's output from its
+    // first frame on. Once ready, the stream is never looked at again.
     if (!m_videoReady && !GetVideoCodecData(parser)) {
         LOG_WARN("no codec data, drop frame");
         return MP4_OK;
@@ -33,11 +36,13 @@ std::uint32_t CMp4Muxer::WriteVideoFrame(const VideoFrame& frame)
     std::uint32_t size = 0;
     bool key = frame.key != 0;
     if (proRes) {
-        // Not guarded: a failing write leaves as an exception.
+        // Kept: not guarded; callers catch what a failing write raises here.
         CFieldWriter(*m_pFile).Bytes(frame.data, frame.size);
         size = frame.size;
         key = true;
     } else {
+        // Kept: m_dataPos does not move on a failure, although units may have reached the file;
+        // only a write that raised something foreign leaves the file in use.
         const auto failed = Guarded([&] { WriteNalUnits(parser, size, key); },
                                     [] { LOG_ERROR("exception when write file"); });
         if (failed)

@@ -4,7 +4,8 @@
 
 #include <cstdint>
 
-// Bytes that are taken off an ADTS frame, whether it carries a CRC or not.
+// Bytes that are taken off an ADTS frame. Kept: whether it carries a CRC or not, and whatever its
+// own length says; the two bytes of a CRC so begin the sample.
 inline constexpr std::uint32_t kAdtsHeaderSize = 7;
 
 // What an ADTS header tells of its stream.
@@ -17,7 +18,8 @@ struct AdtsStream {
 // A frame counts as ADTS from 8 bytes on, by its 12-bit sync word alone.
 bool IsAdtsFrame(const std::uint8_t* data, std::uint32_t size);
 
-// Reads the header of a frame that counts as ADTS, without any further test.
+// Reads the header of a frame that counts as ADTS, without any further test. Kept: a reserved rate
+// and no channels give zeros, which only a record of raw AAC is refused for.
 AdtsStream ReadAdtsHeader(const std::uint8_t* data);
 
 // The rate of a sampling_frequency_index in Hz; 0 above index 12.

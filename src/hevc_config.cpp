@@ -16,7 +16,8 @@ void SkipUE(CBitReader& reader, std::uint64_t count)
         reader.ReadUE();
 }
 
-// The unit without emulation prevention bytes; its length. The header is never part of a match.
+// The unit without emulation prevention bytes; its length. Kept: the header is never part of a
+// match, and a 03 as the last byte goes like any other.
 std::uint64_t CopyRbsp(const std::uint8_t* nal, std::uint32_t size, std::uint8_t* rbsp)
 {
     rbsp[0] = nal[0];
@@ -54,7 +55,8 @@ bool ParseHevcNal(HEVCDecoderConfigurationRecord* config, const std::uint8_t* na
         if (type > 40)
             throw 36;
         reader.SkipBits(9);  // nuh_layer_id, nuh_temporal_id_plus1
-        // Kept: filed before the walk, so that a unit whose walk fails stays counted.
+        // Kept: filed before the walk, so that a unit whose walk fails stays counted; by its own
+        // type, whatever slot it came in; and never as complete, as sets may be in the samples too.
         AddNalUnit(config, nal, size, type, 0);
         switch (type) {
         case kVps: ParseVps(config, reader); break;

@@ -22,6 +22,7 @@ void CMp4AvccAtom::SetCodecData(const mp4_video_track_info& info)
     m_pps.reset();
     m_spsSize = 0;
     m_ppsSize = 0;
+    // Kept: here the address tells whether there is a set, in the set-up of the track the length.
     if (info.sps) {
         m_sps = CopyNalUnit(info.sps, info.sps_size);
         m_spsSize = info.sps_size;
@@ -55,6 +56,7 @@ void CMp4AvccAtom::Write()
     f.U8(1);  // numOfPictureParameterSets
     f.U16(static_cast<std::uint16_t>(m_ppsSize));
     f.Bytes(m_pps.get(), static_cast<std::size_t>(m_ppsSize));
+    // Kept: no extension for the High profiles, as nothing of the SPS is parsed.
     FinishBufferedBox(start);
     m_buffer.Flush();
 }

@@ -35,7 +35,7 @@ bool CVideoFrameParser::Parse(const std::uint8_t* frame, std::uint32_t size)
     const std::uint8_t* unit = nullptr;  // the open unit's first byte
     // A start code is found by its 01, which may stand anywhere but in the first two bytes and the
     // last one. Encoded data seldom holds two zeros in a row: of a long frame, blocks without them
-    // are passed over.
+    // are passed over. Kept: a start code at the very end is data of the unit before it.
     const std::uint8_t* const last = end - 1;
     const std::uint8_t* limit = last;
     for (const std::uint8_t* start = frame + 2; start < last; start = limit) {
@@ -53,7 +53,8 @@ bool CVideoFrameParser::Parse(const std::uint8_t* frame, std::uint32_t size)
                 continue;
             const std::uint8_t* const code = one - 2;
             if (unit) {
-                // Exactly one zero goes with a four-byte start code; more stay in the unit before.
+                // Kept: exactly one zero goes with a four-byte start code; more stay in the unit
+                // before, and a unit of no bytes stays too: samples hold what the encoder sent.
                 const std::uint8_t* const stop = code[-1] == 0 ? code - 1 : code;
                 push_back({static_cast<std::uint32_t>(stop - unit), unit});
             }

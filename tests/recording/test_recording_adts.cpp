@@ -112,6 +112,20 @@ TEST(AnAdtsTrack, KeepsTheDescriptionOfItsFirstFrame)
     EXPECT_EQ(kept.config, Hex("11 90"));
 }
 
+TEST(AnAdtsTrack, ThatIsSetAgainIsDescribedAgain)
+{
+    Recording rec;
+    EXPECT_EQ(rec.SetAdts(), 0u);
+    EXPECT_EQ(rec.Audio(Adts("4C 80"), 0), 0u);
+    EXPECT_EQ(rec.SetAdts(), 0u);
+    EXPECT_EQ(rec.Audio(Bytes(9, 1), 21), 7u);
+    EXPECT_EQ(rec.Audio(Adts("60 40"), 42), 0u);
+    const BoxFile file = rec.Close();
+    EXPECT_EQ(Described(file).entry, Hex("0002 0010 0000 0000 3E80 0000"));
+    EXPECT_EQ(Described(file).config, Hex("14 08"));
+    EXPECT_EQ(Words(file.Box("moov/trak.soun/tkhd"), 20).at(0), 2u);
+}
+
 TEST(AnAdtsTrack, HasNoIdBeforeItsFirstFrame)
 {
     Recording rec;
@@ -182,6 +196,15 @@ TEST(ARawTrack, LosesHeadersAndKeepsItsDescription)
     EXPECT_THAT(Samples(file, "trak.soun"), ElementsAre(Hex("AA BB CC")));
     EXPECT_EQ(Described(file).entry, Hex("0002 0010 0000 0000 BB80 0000"));
     EXPECT_EQ(Described(file).config, Hex("11 90"));
+}
+
+TEST(ATrackOfAnyOtherCodec, LosesHeadersToo)
+{
+    Recording rec;
+    const mp4_audio_track_info info{1000, 0, 3, 48000, 2, 2};
+    EXPECT_EQ(mp4_set_audio_track(rec.Handle(), &info), 0u);
+    EXPECT_EQ(rec.Audio(Adts("4C 80"), 0), 0u);
+    EXPECT_THAT(Samples(rec.Close(), "trak.soun"), ElementsAre(Hex("AA BB CC")));
 }
 
 // ---- Times -----------------------------------------------------------------------------------

@@ -78,6 +78,28 @@ TEST(AProResFrame, NeedsNoStartCodeAndGetsNoLength)
     EXPECT_EQ(Words(file.Box(kVideo + "stss"), 12), (Numbers{2, 1, 2}));
 }
 
+// The bytes go out from the caller's buffer; nothing is gathered or copied before.
+TEST(AFrame, GoesOutInAsFewWritesAsItHasParts)
+{
+    ExternalSink sink;
+    Recording rec(sink);
+    rec.SetH264();
+    rec.SetAac();
+    sink.ForgetCalls();
+    rec.Video(kTwoUnits, 0);
+    EXPECT_THAT(sink.Calls(), ElementsAre("write 4", "write 2", "write 4", "write 3"));
+    sink.ForgetCalls();
+    rec.Video(Hex("00 00 01  00 00 01 65"), 40);  // a unit of no bytes has only its length
+    EXPECT_THAT(sink.Calls(), ElementsAre("write 4", "write 4", "write 1"));
+    sink.ForgetCalls();
+    rec.Audio(kAdts, 0);
+    EXPECT_THAT(sink.Calls(), ElementsAre("write 3"));
+    rec.SetProRes(MP4_PRORES_422);
+    sink.ForgetCalls();
+    rec.Video(Bytes(50, 9), 80);
+    EXPECT_THAT(sink.Calls(), ElementsAre("write 50"));
+}
+
 TEST(Times, GiveTheLow32BitsOfTheirDifference)
 {
     Recording rec;

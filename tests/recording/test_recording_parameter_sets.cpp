@@ -119,6 +119,21 @@ TEST(TheSearch, BeginsAnewWithEverySetUp)
     }
 }
 
+TEST(TheSearch, BeginsForATrackThatWasCompleteToo)
+{
+    Recording rec;
+    EXPECT_EQ(rec.SetH264(), 0u);
+    EXPECT_EQ(rec.Video(Frame({kIdr}), 0), 0u);
+    Announce(rec);
+    EXPECT_EQ(rec.Video(Frame({kIdr}), 40), 0u);
+    EXPECT_EQ(rec.Log().Count(kDropped), 1u);
+    EXPECT_EQ(rec.Video(Frame({kSpsA, kPps, kIdr}), 80), 0u);
+    const BoxFile file = rec.Close();
+    EXPECT_EQ(Words(file.Box(kStbl + "stsz"), 12), (Numbers{0, 2, 7, 22}));
+    EXPECT_EQ(file.Box(kAvcc),
+              Hex("0000001A 'avcC' 01 4D401F FF E1 0005 67 4D401F 0A 01 0002 68EE"));
+}
+
 // The stream has to bring both sets, also the one that the record had.
 TEST(TheSearch, KnowsNothingOfTheRecordsSets)
 {

@@ -219,7 +219,7 @@ class Case(unittest.TestCase):
         return output
 
     def assert_timed(self, found, expected):
-        """Equal content, at times within a tick of the transport stream's clock or a millisecond."""
+        """Equal content, at times that differ by the rounding of a millisecond at most."""
         self.assertEqual([what for _, what in found], [what for _, what in expected])
         for (time, _), (wanted, _) in zip(found, expected):
             self.assertAlmostEqual(time, wanted, delta=0.0011)
@@ -252,6 +252,16 @@ class FromPictures(Case):
         self.assertIn("B-frames", self.warning)
         found = packets(output, "c608")
         self.assert_timed(found[1:-1], source)
+
+    def test_reordered_pictures_without_decoding_times_or_without_any(self):
+        source = valid_608(ridden(self.encoded(3)))
+        for name, options in (("b.mkv", []), ("b.h264", ["--fps", RATE])):
+            with self.subTest(name=name):
+                ffmpeg("-i", self.encoded(3), "-map", "0:v", "-c", "copy", self.path(name))
+                output = self.recorded("reordered.mov", "-i", self.path(name), *options)
+                self.assertIn("B-frames", self.warning)
+                found = packets(output, "c608")
+                self.assert_timed(found[1:-1], source)
 
     def test_a_recording_ends_with_its_video_and_not_with_a_caption(self):
         output = self.recorded("ends.mov", "-i", self.encoded())
@@ -349,7 +359,8 @@ class FromElsewhere(Case):
     def test_each_pair_of_a_line_takes_a_picture(self):
         for kind in ("mov", "mp4"):
             with self.subTest(kind=kind):
-                captions = scc(self.path("line.scc"), ("00:00:00:08", HELLO), ("00:00:02:00", CLEAR))
+                captions = scc(self.path("line.scc"), ("00:00:00:08", HELLO),
+                               ("00:00:02:00", CLEAR))
                 output = self.recorded(f"line.{kind}", "-i", self.video(), "-i", captions)
                 self.assertEqual(self.paired(output), list(enumerate(HELLO, 8))
                                  + list(enumerate(CLEAR, 60)))

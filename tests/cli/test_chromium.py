@@ -1,5 +1,6 @@
 #!/usr/bin/env python3
-"""A recording with all four tracks, played by headless Chromium: every picture decoded, none dropped.
+"""A recording with all four tracks, played by headless Chromium: every picture decoded, none
+dropped.
 
     test_chromium.py KVMP4
 

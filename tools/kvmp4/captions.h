@@ -39,9 +39,9 @@ public:
     CaptionPacker(std::uint32_t codec, AVRational rate);
 
     // The frames for one moment. For CEA-608 the second pair of a field begins a second frame, and
-    // so on: line 21 of a picture has room for one, and some readers take no more from a sample. For
-    // CEA-708 it is a single one, up to the 31 entries that a packet can count, when `whole`, else
-    // one for each pair.
+    // so on: line 21 of a picture has room for one, and some readers take no more from a sample.
+    // For CEA-708 it is a single one, up to the 31 entries that a packet can count, when `whole`,
+    // else one for each pair.
     std::vector<Bytes> Pack(const CaptionEntries& entries, bool whole);
     // A packet as it stands; CEA-708 only. Empty if it does not fit a frame.
     Bytes PackPacket(const Bytes& packet) const;

@@ -33,6 +33,7 @@ constexpr std::int64_t kAacFrame = 1024;  // samples
 constexpr double kLateStart = 0.1;  // seconds
 // Line 21 of a picture carries a pair of each field.
 constexpr AVRational kLine21{1001, 30000};
+constexpr std::size_t kReorderedPictures = 16;  // at most, in H.264 and HEVC
 constexpr std::uint32_t kC708 = MKTAG('c', '7', '0', '8');
 
 std::string ErrorText(int error)
@@ -74,6 +75,50 @@ private:
     int m_at = 0;
 };
 
+// Numbers that rise in the order in which the pictures of a stream without times are shown.
+class ShowingOrder {
+public:
+    explicit ShowingOrder(const AVCodecParameters* parameters)
+        : m_hevc(parameters->codec_id == AV_CODEC_ID_HEVC),
+          m_parser(av_parser_init(parameters->codec_id)),
+          m_context(avcodec_alloc_context3(nullptr))
+    {
+        if (!m_parser || !m_context || avcodec_parameters_to_context(m_context, parameters) < 0)
+            throw Failure(kExitOther, "no parser for the video");
+        m_parser->flags |= PARSER_FLAG_COMPLETE_FRAMES;
+    }
+    ~ShowingOrder()
+    {
+        av_parser_close(m_parser);
+        avcodec_free_context(&m_context);
+    }
+    ShowingOrder(const ShowingOrder&) = delete;
+    ShowingOrder& operator=(const ShowingOrder&) = delete;
+
+    std::int64_t Number(const AVPacket* packet)
+    {
+        // The count of pictures begins anew with each IDR picture.
+        bool restarts = false;
+        ForEachUnit(packet->data, static_cast<std::size_t>(packet->size),
+                    [&](const std::uint8_t* unit, std::size_t) {
+                        const int type = m_hevc ? unit[0] >> 1 & 63 : unit[0] & 31;
+                        restarts |= m_hevc ? type == 19 || type == 20 : type == 5;
+                    });
+        m_sequence += restarts;
+        std::uint8_t* out = nullptr;
+        int size = 0;
+        av_parser_parse2(m_parser, m_context, &out, &size, packet->data, packet->size,
+                         AV_NOPTS_VALUE, AV_NOPTS_VALUE, 0);
+        return (m_sequence << 32) + m_parser->output_picture_number;
+    }
+
+private:
+    const bool m_hevc;
+    AVCodecParserContext* m_parser;
+    AVCodecContext* m_context;
+    std::int64_t m_sequence = 0;
+};
+
 }  // namespace
 
 struct Input::Stream {
@@ -89,10 +134,17 @@ struct Input::Stream {
     std::int64_t next = 0;       // the time that counting expects
     bool first = true;
     std::int64_t reorderDelay = 0;  // ticks between the two times of the first picture
+    int undated = 0;                // first pictures without a decoding time
+    std::int64_t firstShown = 0;    // time of the first picture, in timeBase
     std::optional<std::int64_t> last;
     std::int64_t originTicks = 0;
     bool dropFrame = false;  // how a caption file counts
-    std::multimap<std::int64_t, CaptionEntries> held;  // by the times of their pictures, in ticks
+    // By the times of their pictures in ticks; by their numbers if there is an order, which then
+    // has all pictures in it.
+    std::multimap<std::int64_t, CaptionEntries> held;
+    std::unique_ptr<ShowingOrder> order;  // of pictures without times
+    std::int64_t number = 0;              // the last one's in that order
+    std::int64_t shown = 0;               // pictures that went by in that order
 
     ~Stream() { av_bsf_free(&filter); }
 };
@@ -338,7 +390,7 @@ void Input::ChooseCaptions(bool captionFile)
         const unsigned long number = std::strtoul(wish.c_str(), &end, 10);
         if (*end != '\0' || number >= m_context->nb_streams ||
             !holdsCaptions(static_cast<unsigned>(number)))
-            throw Failure(kExitStream, m_options.url + " has no such caption stream: " + wish);
+            return;  // another input may have it
         index = static_cast<unsigned>(number);
     }
 
@@ -439,13 +491,24 @@ void Input::Deliver(Stream& stream, AVPacket* packet)
     const AVRational ticks{1, static_cast<int>(stream.timescale)};
     // The one time of the library is the decoding time, which rises with every picture; it is moved
     // so that the first picture keeps its presentation time.
+    DateBack(stream, packet);
     std::int64_t stamp = packet->dts != AV_NOPTS_VALUE ? packet->dts : packet->pts;
-    if (stream.kind == Kind::kVideo && packet->pts != AV_NOPTS_VALUE && packet->dts != AV_NOPTS_VALUE) {
+    if (stream.kind == Kind::kVideo && packet->pts != AV_NOPTS_VALUE &&
+        packet->dts != AV_NOPTS_VALUE) {
         if (stream.first)
             stream.reorderDelay = packet->pts - packet->dts;
         if (packet->pts - packet->dts != stream.reorderDelay)
             m_reordered = true;
         stamp += stream.reorderDelay;
+    }
+    if (stream.first && stream.filter && packet->pts == AV_NOPTS_VALUE &&
+        packet->dts == AV_NOPTS_VALUE)
+        stream.order = std::make_unique<ShowingOrder>(stream.stream->codecpar);
+    if (stream.order) {
+        const std::int64_t number = stream.order->Number(packet);
+        if (!stream.first && number < stream.number)
+            m_reordered = true;
+        stream.number = number;
     }
     std::int64_t time = stream.next;
     if (!stream.counted && stamp != AV_NOPTS_VALUE) {
@@ -480,10 +543,35 @@ void Input::Deliver(Stream& stream, AVPacket* packet)
         DeliverPicturesCaptions(stream, packet, time, stamp);
 }
 
+// Containers with one time a picture leave it to FFmpeg to find the decoding times of reordered
+// pictures, and it knows none of the first ones. They go back from the first picture in even steps.
+void Input::DateBack(Stream& stream, AVPacket* packet) const
+{
+    const int delay = stream.stream->codecpar->video_delay;
+    if (stream.kind != Kind::kVideo || stream.undated >= delay || packet->dts != AV_NOPTS_VALUE ||
+        packet->pts == AV_NOPTS_VALUE) {
+        stream.undated = delay;
+        return;
+    }
+    if (stream.first)
+        stream.firstShown = packet->pts;
+    packet->dts = stream.firstShown +
+                  av_rescale_q((stream.undated - delay) * stream.ticksPerFrame,
+                               {1, static_cast<int>(stream.timescale)}, stream.timeBase);
+    ++stream.undated;
+}
+
 void Input::DeliverPicturesCaptions(Stream& stream, const AVPacket* packet, std::int64_t time,
                                     std::int64_t stamp)
 {
-    constexpr std::size_t kReorderedPictures = 32;  // more than any stream moves
+    CaptionEntries entries =
+        EntriesOfPicture(packet->data, static_cast<std::size_t>(packet->size), stream.hevc);
+    if (stream.order) {
+        stream.held.emplace(stream.number, std::move(entries));
+        if (stream.held.size() > kReorderedPictures)
+            ReleaseCaptions(stream, stream.held.begin()->first);
+        return;
+    }
     // Captions follow each other in the order in which their pictures are shown.
     std::int64_t shown = time;
     std::int64_t decoded = time;
@@ -495,8 +583,6 @@ void Input::DeliverPicturesCaptions(Stream& stream, const AVPacket* packet, std:
         shown = std::max<std::int64_t>(0, time + distance(packet->pts));
         decoded = time + distance(packet->dts);
     }
-    CaptionEntries entries =
-        EntriesOfPicture(packet->data, static_cast<std::size_t>(packet->size), stream.hevc);
     if (!entries.empty())
         stream.held.emplace(shown, std::move(entries));
     // No picture is shown before it is decoded, so that nothing can come between any more.
@@ -509,7 +595,8 @@ void Input::ReleaseCaptions(Stream& stream, std::int64_t time)
 {
     while (!stream.held.empty() && stream.held.begin()->first <= time) {
         const auto first = stream.held.begin();
-        DeliverCaptions(first->first, stream.ticksPerFrame, m_packer->Pack(first->second, true));
+        DeliverCaptions(stream.order ? stream.shown++ * stream.ticksPerFrame : first->first,
+                        stream.ticksPerFrame, m_packer->Pack(first->second, true));
         stream.held.erase(first);
     }
 }

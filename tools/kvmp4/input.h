@@ -114,6 +114,7 @@ private:
     void FindTimeCode(int video);
     void Read();
     void Deliver(Stream& stream, AVPacket* packet);
+    void DateBack(Stream& stream, AVPacket* packet) const;
     void DeliverPicturesCaptions(Stream& stream, const AVPacket* packet, std::int64_t time,
                                  std::int64_t stamp);
     void DeliverCaptionPacket(Stream& stream, const AVPacket* packet);

@@ -79,7 +79,7 @@ int main(int argc, char** argv)
     record->add_option("--caption-format", options.captionFormat,
                        "What the caption track holds: 608 or 708");
     record->add_option("--timecode", options.timeCode,
-                       "Time code of the first frame: HH:MM:SS:FF (;FF drops frames), auto or none");
+                       "Time code of the first frame: HH:MM:SS:FF (;FF drops frames), auto, none");
     record->add_option("--fps", options.fps,
                        "Frame rate of a raw stream without times, e.g. 25 or 30000/1001");
     record->add_option("--metadata", options.metadata, "An item key=value; may be repeated")

@@ -266,7 +266,8 @@ public:
     {
         if (!m_begun)
             return;
-        const auto left = std::llround((end - *m_zero) * m_source->CaptionTrack().timescale) - m_last;
+        const auto left =
+            std::llround((end - *m_zero) * m_source->CaptionTrack().timescale) - m_last;
         if (left > 1 && m_gap > left)
             WritePadding(m_last + left / 2);
     }
@@ -468,6 +469,9 @@ void Record(const RecordOptions& options)
     if (tracks.empty())
         throw Failure(kExitStream, "captions alone cannot be recorded; give a video or audio too");
     Input* const captionSource = ChooseCaptions(inputs);
+    if (!captionSource && options.captions != "auto" && options.captions != "none" &&
+        options.captions != "video")
+        throw Failure(kExitStream, "there is no caption stream " + options.captions);
     const std::optional<TimeCode> timeCode = ChooseTimeCode(options, inputs);
 
     // 2. The output, only now: a failing input leaves no file.

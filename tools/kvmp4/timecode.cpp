@@ -67,13 +67,12 @@ std::optional<TimeCode> ParseTimeCode(const std::string& text, AVRational rate, 
 std::int64_t CaptionFileFrame(std::int64_t milliseconds, bool dropFrame)
 {
     constexpr std::int64_t kFrame = 33;
-    const std::int64_t second = std::max<std::int64_t>(milliseconds, 0) / 1000;
-    const std::int64_t frame = (std::max<std::int64_t>(milliseconds, 0) % 1000 + kFrame / 2) / kFrame;
+    const std::int64_t time = std::max<std::int64_t>(milliseconds, 0);
+    const int seconds = static_cast<int>(time / 1000);
+    const int frame = static_cast<int>((time % 1000 + kFrame / 2) / kFrame);
     AVTimecode code{};
     av_timecode_init_from_components(&code, {30000, 1001},
-                                     dropFrame ? AV_TIMECODE_FLAG_DROPFRAME : 0,
-                                     static_cast<int>(second / 3600),
-                                     static_cast<int>(second / 60 % 60),
-                                     static_cast<int>(second % 60), static_cast<int>(frame), nullptr);
+                                     dropFrame ? AV_TIMECODE_FLAG_DROPFRAME : 0, seconds / 3600,
+                                     seconds / 60 % 60, seconds % 60, frame, nullptr);
     return code.start;
 }

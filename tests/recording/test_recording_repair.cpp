@@ -1,18 +1,25 @@
 // What a repair makes of a media file and its log: sizes, places, kinds, and the last packet.
 #include "support/repair.h"
+#include "support/samples.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <csignal>
+#include <functional>
+#include <memory>
+#include <thread>
+
 #include <sys/mman.h>
+#include <sys/wait.h>
 
 #include <fcntl.h>
 #include <unistd.h>
 
 using namespace kvtest;
 using testing::ElementsAre;
-using testing::HasSubstr;
 using testing::IsEmpty;
+using testing::MatchesRegex;
 
 namespace {
 
@@ -279,4 +286,129 @@ TEST(PresentationAndDecodingTime, AreReadApart)
     EXPECT_EQ(Words(wreck.Media().Box(kStbl + "stts"), 12), (std::vector<std::uint32_t>{1, 2, 25}));
     // 200 - 100 and one more difference of the presentation times.
     EXPECT_EQ(Words(wreck.Media().Box("moov/mvhd"), 24)[0], 200u);
+}
+
+// ---- The calls -----------------------------------------------------------------------------
+
+TEST(TheFourCalls, RepairAlike)
+{
+    const auto wide = [](auto repair) {
+        return [repair](const std::string& path) {
+            return repair(std::filesystem::path(path).wstring().c_str(), 1);
+        };
+    };
+    const auto narrow = [](auto repair) {
+        return [repair](const std::string& path) { return repair(path.c_str(), 1); };
+    };
+    Wreck model(DeadFile(60), ThreeFrames(), "cl\xC3\xA9.mp4");
+    EXPECT_EQ(model.Repair(1), 0u);
+    for (const std::function<std::uint32_t(const std::string&)>& repair :
+         {std::function<std::uint32_t(const std::string&)>(narrow(mp4_repair_file_ex)),
+          {wide(mp4_repair_file)}, {narrow(kv_mp4_repair)}, {wide(kv_mp4_repair_ex)}}) {
+        Wreck wreck(DeadFile(60), ThreeFrames(), "cl\xC3\xA9.mp4");
+        const StdoutCapture quiet;
+        EXPECT_EQ(repair(wreck.Path().string()), 0u);
+        EXPECT_EQ(wreck.Media().All(), model.Media().All());
+        EXPECT_FALSE(wreck.HasInfo());
+    }
+}
+
+TEST(AnyOptionBut0, DeletesTheInfoFileAndSaysSo)
+{
+    for (const std::uint8_t option : {0, 1, 2, 255}) {
+        Wreck wreck(DeadFile(60), ThreeFrames());
+        EXPECT_EQ(wreck.Repair(option), 0u);
+        EXPECT_EQ(wreck.HasInfo(), option == 0);
+        const auto& lines = wreck.Log().Lines();
+        EXPECT_EQ(lines.back() == "info delete repair file", option != 0);
+        EXPECT_EQ(wreck.Log().Sources().back() == "src/Mp4Repair CMp4Repair::Repair", option != 0);
+    }
+}
+
+TEST(ARepair, PrintsTheEndOfTheLogAndNothingElse)
+{
+    Wreck wreck(DeadFile(60), ThreeFrames());
+    EXPECT_EQ(wreck.Repair(), 0u);
+    EXPECT_THAT(wreck.Printed(), MatchesRegex("\\[line [0-9]+\\] Read EOF !\n"));
+}
+
+TEST(ASecondRun, WithTheInfoFileChangesNothing)
+{
+    Wreck wreck(DeadFile(3000), ThreeFrames());
+    EXPECT_EQ(wreck.Repair(), 0u);
+    const Bytes once = wreck.Media().All();
+    EXPECT_EQ(wreck.Repair(), 0u);
+    EXPECT_EQ(wreck.Media().All(), once);
+    EXPECT_EQ(wreck.Info(), ThreeFrames().All());
+}
+
+TEST(ASecondRun, WithoutTheInfoFileLeavesTheMediaAlone)
+{
+    Wreck wreck(DeadFile(3000), ThreeFrames());
+    EXPECT_EQ(wreck.Repair(1), 0u);
+    const Bytes once = wreck.Media().All();
+    EXPECT_EQ(wreck.Repair(1), 12u);
+    EXPECT_EQ(wreck.Media().All(), once);
+}
+
+TEST(Repairs, OfDifferentFilesRunAtOnce)
+{
+    const LogCapture log;
+    Wreck model(DeadFile(60), ThreeFrames());
+    EXPECT_EQ(model.Repair(1), 0u);
+    std::vector<std::unique_ptr<Wreck>> wrecks;
+    for (int i = 0; i < 8; ++i)
+        wrecks.push_back(std::make_unique<Wreck>(DeadFile(60), ThreeFrames()));
+    const StdoutCapture quiet;
+    std::vector<std::thread> threads;
+    for (const auto& wreck : wrecks)
+        threads.emplace_back([path = wreck->Path()] {
+            EXPECT_EQ(mp4_repair_file(path.wstring().c_str(), 1), 0u);
+        });
+    for (std::thread& thread : threads)
+        thread.join();
+    for (const auto& wreck : wrecks)
+        EXPECT_EQ(wreck->Media().All(), model.Media().All());
+}
+
+// ---- A real end ----------------------------------------------------------------------------
+
+namespace {
+
+// Records 25 frames of 5000 bytes, with a flush of the log every 10, and dies.
+void RecordAndDie(const std::filesystem::path& path)
+{
+    mp4_handle file = nullptr;
+    mp4_create_file_adv_ex(path.c_str(), MP4_OPEN_INFO_FILE, 4096, 32, MP4_IO_FILE, nullptr,
+                           &file);
+    mp4_repair_set_flush_interval(file, 10);
+    const mp4_video_track_info info{.codec = MP4_VIDEO_PRORES, .width = 160, .height = 120};
+    mp4_set_video_track(file, &info);
+    for (std::uint8_t i = 0; i < 25; ++i) {
+        const Bytes frame(5000, i);
+        mp4_write_video_frame(file, frame.data(), 5000, 40u * i);
+    }
+    raise(SIGKILL);
+}
+
+}  // namespace
+
+TEST(AKilledRecorder, LosesWhatCameAfterTheLastFlushAndOneFrameMore)
+{
+    const Folder folder;
+    const LogCapture log;
+    const StdoutCapture quiet;
+    const std::filesystem::path path = folder / "clip.mp4";
+    const pid_t child = fork();
+    if (child == 0)
+        RecordAndDie(path);
+    int end = 0;
+    ASSERT_EQ(waitpid(child, &end, 0), child);
+    ASSERT_TRUE(WIFSIGNALED(end));
+    EXPECT_EQ(mp4_repair_file_ex(path.c_str(), 1), 0u);
+    const std::vector<Bytes> samples = Samples(BoxFile::Read(path), "trak.vide");
+    ASSERT_EQ(samples.size(), 19u);
+    for (std::uint8_t i = 0; i < 19; ++i)
+        EXPECT_EQ(samples[i], Bytes(5000, i));
+    EXPECT_THAT(BoxFile::Read(path).Complaints(), IsEmpty());
 }

@@ -315,7 +315,7 @@ TEST(TheFourCalls, RepairAlike)
 
 TEST(AnyOptionBut0, DeletesTheInfoFileAndSaysSo)
 {
-    for (const std::uint8_t option : {0, 1, 2, 255}) {
+    for (const std::uint8_t option : Bytes{0, 1, 2, 255}) {
         Wreck wreck(DeadFile(60), ThreeFrames());
         EXPECT_EQ(wreck.Repair(option), 0u);
         EXPECT_EQ(wreck.HasInfo(), option == 0);
@@ -382,7 +382,10 @@ void RecordAndDie(const std::filesystem::path& path)
     mp4_create_file_adv_ex(path.c_str(), MP4_OPEN_INFO_FILE, 4096, 32, MP4_IO_FILE, nullptr,
                            &file);
     mp4_repair_set_flush_interval(file, 10);
-    const mp4_video_track_info info{.codec = MP4_VIDEO_PRORES, .width = 160, .height = 120};
+    mp4_video_track_info info{};
+    info.codec = MP4_VIDEO_PRORES;
+    info.width = 160;
+    info.height = 120;
     mp4_set_video_track(file, &info);
     for (std::uint8_t i = 0; i < 25; ++i) {
         const Bytes frame(5000, i);

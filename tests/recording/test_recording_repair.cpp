@@ -6,7 +6,6 @@
 #include <gtest/gtest.h>
 
 #include <csignal>
-#include <functional>
 #include <memory>
 #include <thread>
 
@@ -292,22 +291,19 @@ TEST(PresentationAndDecodingTime, AreReadApart)
 
 TEST(TheFourCalls, RepairAlike)
 {
-    const auto wide = [](auto repair) {
-        return [repair](const std::string& path) {
-            return repair(std::filesystem::path(path).wstring().c_str(), 1);
-        };
-    };
-    const auto narrow = [](auto repair) {
-        return [repair](const std::string& path) { return repair(path.c_str(), 1); };
-    };
     Wreck model(DeadFile(60), ThreeFrames(), "cl\xC3\xA9.mp4");
     EXPECT_EQ(model.Repair(1), 0u);
-    for (const std::function<std::uint32_t(const std::string&)>& repair :
-         {std::function<std::uint32_t(const std::string&)>(narrow(mp4_repair_file_ex)),
-          {wide(mp4_repair_file)}, {narrow(kv_mp4_repair)}, {wide(kv_mp4_repair_ex)}}) {
+    for (int call = 0; call < 4; ++call) {
         Wreck wreck(DeadFile(60), ThreeFrames(), "cl\xC3\xA9.mp4");
+        const std::string path = wreck.Path().string();
+        const std::string folder = wreck.Path().parent_path().string();
+        const std::wstring wide = std::wstring(folder.begin(), folder.end()) + L"/cl\x00E9.mp4";
         const StdoutCapture quiet;
-        EXPECT_EQ(repair(wreck.Path().string()), 0u);
+        EXPECT_EQ(call == 0   ? mp4_repair_file(wide.c_str(), 1)
+                  : call == 1 ? mp4_repair_file_ex(path.c_str(), 1)
+                  : call == 2 ? kv_mp4_repair(path.c_str(), 1)
+                              : kv_mp4_repair_ex(wide.c_str(), 1),
+                  0u);
         EXPECT_EQ(wreck.Media().All(), model.Media().All());
         EXPECT_FALSE(wreck.HasInfo());
     }

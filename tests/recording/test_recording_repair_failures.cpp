@@ -5,8 +5,15 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <fstream>
 #include <tuple>
+
+#include <sys/resource.h>
+#include <sys/wait.h>
+
+#include <unistd.h>
 
 using namespace kvtest;
 using testing::ElementsAre;
@@ -424,3 +431,46 @@ TEST(AFailedMoov, DecidesTheStatusOverADamagedLog)
     EXPECT_THAT(wreck.Printed(), MatchesRegex(kEnd + "LibMp4 : Error - NULL hevc head !\n"));
     EXPECT_TRUE(wreck.HasInfo());
 }
+
+// ---- Memory --------------------------------------------------------------------------------
+
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
+
+namespace {
+
+// The status of a repair in a child process that has `room` bytes of memory more than it uses.
+int RepairInLittleMemory(const Wreck& wreck, std::size_t room)
+{
+    const std::string path = wreck.Path().string();
+    const pid_t child = fork();
+    if (child == 0) {
+        std::size_t pages = 0;
+        std::ifstream("/proc/self/statm") >> pages;
+        const rlim_t limit = pages * static_cast<std::size_t>(sysconf(_SC_PAGESIZE)) + room;
+        const rlimit limits{limit, limit};
+        setrlimit(RLIMIT_AS, &limits);
+        _exit(static_cast<int>(mp4_repair_file_ex(path.c_str(), 1)));
+    }
+    int end = 0;
+    EXPECT_EQ(waitpid(child, &end, 0), child);
+    EXPECT_TRUE(WIFEXITED(end));
+    return WEXITSTATUS(end);
+}
+
+}  // namespace
+
+TEST(ABlobThatFindsNoMemory, IsStatus1WithAllBeforeItRebuilt)
+{
+    constexpr std::size_t kMiB = 1 << 20;
+    InfoLog log = TwoFrames();
+    log.Metadata(MP4_METADATA_TEXT, EndedText("no item"), Bytes(20 * kMiB, 'x')).Closed();
+    const StdoutCapture quiet;
+    Wreck enough(DeadFile(30), log);
+    EXPECT_EQ(RepairInLittleMemory(enough, 60 * kMiB), 0);
+    Wreck tight(DeadFile(30), log);  // room for the reader's block alone
+    EXPECT_EQ(RepairInLittleMemory(tight, 30 * kMiB), 1);
+    EXPECT_EQ(Words(tight.Media().Box(kStsz), 12), (Numbers{0, 2, 10, 20}));
+    EXPECT_TRUE(tight.HasInfo());
+}
+
+#endif

@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <functional>
 #include <map>
+#include <ostream>
 
 using namespace kvtest;
 using testing::Each;
@@ -28,6 +29,11 @@ struct Form {
     std::uint8_t captions = MP4_SUBTITLE_CEA608;
     bool timeCode = true;
 };
+
+void PrintTo(const Form& form, std::ostream* out)
+{
+    *out << form.label;
+}
 
 constexpr std::uint8_t kNoVideo = 0xFF;
 constexpr std::uint8_t kLog = MP4_OPEN_INFO_FILE;

@@ -11,6 +11,7 @@
 #include <functional>
 #include <map>
 #include <ostream>
+#include <random>
 
 using namespace kvtest;
 using testing::Each;
@@ -384,5 +385,31 @@ TEST_P(Replay, HidesChunksBehindMdatOnlyWithTimeCodes)
         EXPECT_THAT(wreck.Media().Complaints(), Each(EndsWith(" is outside mdat")));
     } else {
         EXPECT_THAT(CheckFile(wreck.Media().All(), true), IsEmpty());
+    }
+}
+
+// Any log is a log: the run ends with a status, and only a run without a failure takes the log away.
+TEST_P(Replay, OfADamagedLogEndsWithAStatus)
+{
+    std::mt19937 random(1);
+    const auto below = [&random](std::size_t limit) { return random() % limit; };
+    for (int round = 0; round < 200; ++round) {
+        Bytes damaged = log;
+        for (std::size_t changes = 1 + below(3); changes > 0; --changes) {
+            const std::size_t at = below(damaged.size());
+            const auto place = damaged.begin() + static_cast<std::ptrdiff_t>(at);
+            switch (below(3)) {
+            case 0: damaged[at] = static_cast<std::uint8_t>(random()); break;
+            case 1: damaged.erase(place); break;
+            default: damaged.insert(place, static_cast<std::uint8_t>(random())); break;
+            }
+        }
+        Wreck wreck(media, damaged, GetParam().name);
+        const std::uint32_t status = wreck.Repair(1);
+        EXPECT_LE(status, 1u);
+        EXPECT_EQ(wreck.HasInfo(), status != 0);
+        if (status != 0) {
+            EXPECT_GE(std::filesystem::file_size(wreck.Path()), media.size());
+        }
     }
 }

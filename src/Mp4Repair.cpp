@@ -104,7 +104,8 @@ void CMp4Repair::Rebuild(bool quickTime, std::int64_t& end, std::uint32_t& statu
     m_videoSeen = 0;
     m_audioSeen = 0;
     m_mediaBytes = 0;
-    m_writer.Seek(std::int64_t{mdatPosition} + (large ? kLargeMdatHeader : kMdatHeader), kSeekStart);
+    const std::uint32_t header = large ? kLargeMdatHeader : kMdatHeader;
+    m_writer.Seek(std::int64_t{mdatPosition} + header, kSeekStart);
     m_nextOffset = static_cast<std::uint64_t>(m_writer.Tell());
 
     // 3. The packets. A damaged log does not keep what was read before from being rebuilt.
@@ -133,8 +134,8 @@ std::int64_t CMp4Repair::WriteMoov(std::uint32_t mdatPosition, bool large, std::
         m_writer.Seek(mdatPosition, kSeekStart);
         WriteBE32(&m_writer, static_cast<std::uint32_t>(m_mediaBytes + header));
     }
-    // Kept: the log alone places `moov`. Each time code makes it begin 4 bytes before the end of the
-    // data, and a log that knows more than the file holds puts it behind the file's end.
+    // Kept: the log alone places `moov`. Each time code makes it begin 4 bytes ahead of the end of
+    // the data, and a log that knows more than the file holds puts it behind the file's end.
     m_writer.Seek(static_cast<std::int64_t>(mdatPosition + m_mediaBytes + header), kSeekStart);
     m_moov->Write();
     const std::int64_t end = m_writer.Tell();

@@ -7,9 +7,11 @@
 #include "info_format.h"
 #include "moov.h"
 
+#include <cstddef>
 #include <cstdint>
 #include <list>
 #include <memory>
+#include <utility>
 
 class CMp4Repair {
 public:
@@ -71,8 +73,8 @@ T CMp4Repair::Field()
         return 0;
     std::uint8_t bytes[sizeof(T)];
     m_reader.Read(bytes, sizeof(T));
-    T value = 0;
-    for (const std::uint8_t byte : bytes)
-        value = static_cast<T>(std::uint64_t{value} << 8 | byte);
-    return value;
+    // Written out, so that the compiler makes one load and one swap of it: for every field.
+    return [&bytes]<std::size_t... I>(std::index_sequence<I...>) {
+        return static_cast<T>((... | (std::uint64_t{bytes[I]} << 8 * (sizeof(T) - 1 - I))));
+    }(std::make_index_sequence<sizeof(T)>());
 }

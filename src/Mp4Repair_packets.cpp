@@ -81,7 +81,8 @@ void CMp4Repair::ReadNextPacket()
         FailPacket(error);
     }
     }
-    ReleaseBuffers(m_packetBuffers);
+    if (!m_packetBuffers.empty())  // as for every frame
+        ReleaseBuffers(m_packetBuffers);
 }
 
 void CMp4Repair::ReadMetadata()

@@ -169,6 +169,8 @@ TEST(AFinishedRecording, IsLeftAlone)
 
 // ---- Logs that leave nothing ---------------------------------------------------------------
 
+namespace {
+
 class Option : public testing::TestWithParam<std::uint8_t> {
 protected:
     // Expects an empty media file, and the info file as the option says.
@@ -181,7 +183,9 @@ protected:
     }
 };
 
-INSTANTIATE_TEST_SUITE_P(Both, Option, testing::Values(0, 1, 255));
+INSTANTIATE_TEST_SUITE_P(Any, Option, testing::Values(0, 1, 255));
+
+}  // namespace
 
 TEST_P(Option, ALogOf5BytesOrFewerEmptiesTheMediaFile)
 {
@@ -242,6 +246,8 @@ TEST(AnEmptiedFile, StaysEmptyInASecondRun)
 
 // ---- Set-up packets that the crash cut -----------------------------------------------------
 
+namespace {
+
 // A moov without a track, whose header names `next` as the next id, behind an empty mdat.
 void ExpectNoTracks(const BoxFile& file, std::uint32_t next)
 {
@@ -252,6 +258,8 @@ void ExpectNoTracks(const BoxFile& file, std::uint32_t next)
     EXPECT_EQ(file.Find("moov").end, file.All().size());
     EXPECT_EQ(Words(file.Box("moov/mvhd"), 104), (Numbers{next}));
 }
+
+}  // namespace
 
 TEST(AnOnlySetUpPacket, CountsAsSoonAsItsTagIsDelivered)
 {

@@ -48,10 +48,11 @@ std::filesystem::path LongPath(const std::filesystem::path& folder, std::size_t 
 {
     std::string path = folder.string();
     const std::string name = "/clip.mp4";
-    while (path.size() + name.size() < length)
-        path += "/" + std::string(std::min<std::size_t>(
-                          200, std::max<std::size_t>(1, length - path.size() - name.size() - 1)),
-                                  'a');
+    while (path.size() + name.size() < length) {
+        const std::size_t rest = length - path.size() - name.size() - 1;
+        const std::size_t part = std::min<std::size_t>(rest, 200);
+        path += "/" + std::string(rest - part == 1 ? part - 1 : part, 'a');
+    }
     std::filesystem::create_directories(path);
     return path + name;
 }

@@ -337,6 +337,25 @@ class FromPictures(Case):
         found = [cdp_entries(atoms(data)[0][1]) for _, data in packets(output, "c708")]
         self.assertEqual(found, [entries] * FRAMES)
 
+    def test_user_data_that_is_cut_or_of_others_holds_no_captions(self):
+        entries = [b"\xfc\xc8\xe5", b"\xfc\xec\xec"]
+        source = graft(self.plain(), self.path("cut.ts"), [entries] * FRAMES)
+        with open(source + ".h264", "rb") as file:
+            whole = file.read()
+        for name, old, new in (("count", b"GA94\x03\xc2", b"GA94\x03\xdf"),
+                               ("unused", b"GA94\x03\xc2", b"GA94\x03\x82"),
+                               ("owner", b"GA94\x03", b"DTG1\x03"),
+                               ("length", b"\x04\x11\xb5", b"\x04\xfe\xb5")):
+            with self.subTest(name=name):
+                self.assertEqual(whole.count(old), FRAMES)
+                with open(self.path("cut.h264"), "wb") as file:
+                    file.write(whole.replace(old, new))
+                output = self.recorded("cut.mov", "-i", self.path("cut.h264"), "--fps", RATE)
+                self.assertEqual(tracks(output), ["avc1"])
+                self.assertEqual(int(streams(output)[0]["nb_frames"]), FRAMES)
+        output = self.recorded("cut.mov", "-i", source + ".h264", "--fps", RATE)
+        self.assertEqual(tracks(output), ["avc1", "c608"])
+
     def test_without_captions_there_is_no_track(self):
         self.assertEqual(tracks(self.recorded("plain.mov", "-i", self.video())), ["avc1"])
         output = self.recorded("left.mov", "-i", self.encoded(), "--captions", "none")
@@ -442,6 +461,28 @@ class FromElsewhere(Case):
                 second = self.recorded("again.mov", "-i", first)
                 self.assertEqual(len(packets(first, tag)), FRAMES)
                 self.assertEqual(packets(second, tag), packets(first, tag))
+
+    def test_broken_packets_are_left_out_with_a_warning(self):
+        said = [[b"\xfc\xc8\xe5"]] * FRAMES
+        source = graft(self.plain(), self.path("sound.ts"), said)
+        whole = self.recorded("whole.mov", "-i", source, "--caption-format", "708")
+        with open(whole, "rb") as file:
+            content = bytearray(file.read())
+        places = [match.start() for match in re.finditer(b"ccdp", content)]
+        content[places[3] - 1] ^= 1  # an atom's size
+        content[places[5] + 4] ^= 1  # a packet's mark
+        with open(self.path("broken.mov"), "wb") as file:
+            file.write(content)
+        self.recorded("control.mov", "-i", whole, "--caption-format", "608")
+        self.assertEqual(self.warning, "")
+        output = self.recorded("broken608.mov", "-i", self.path("broken.mov"),
+                               "--caption-format", "608")
+        self.assertEqual(self.warning, "kvmp4: 2 broken captions were left out\n")
+        self.assertEqual(len(packets(output, "c608")), FRAMES - 2)
+        # As packets they are passed on, and only the atom must be whole.
+        output = self.recorded("broken708.mov", "-i", self.path("broken.mov"))
+        self.assertEqual(self.warning, "kvmp4: 1 broken captions were left out\n")
+        self.assertEqual(len(packets(output, "c708")), FRAMES - 1)
 
     def test_tracks_turn_from_one_form_into_the_other(self):
         said = [[b"\xfc\xc8\xe5", b"\xfd\x15\x2c"]] * FRAMES

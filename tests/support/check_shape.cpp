@@ -120,7 +120,12 @@ void CheckBox(const BoxFile& file, const BoxNode& box, const std::string& parent
 
 bool TypesMatch(const std::string& types, const std::string& pattern)
 {
-    return std::regex_match(types, std::regex(pattern));
+    // Made once: they take longer than their use.
+    static thread_local std::map<std::string, std::regex> made;
+    const auto [entry, isNew] = made.try_emplace(pattern);
+    if (isNew)
+        entry->second = std::regex(pattern);
+    return std::regex_match(types, entry->second);
 }
 
 std::string TypeList(const BoxNode& box)

@@ -1,0 +1,259 @@
+// What happens when the system gives no memory, or takes no bytes of a file that it opened. The
+// linker sends three calls of the library through this file (--wrap), where each can be made to
+// fail: realloc, the new of a record that may be null, and platform::WriteItem.
+#include "Mp4Muxer.h"
+#include "boxes.h"
+
+#include <gmock/gmock.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <list>
+#include <new>
+
+namespace {
+
+// The call that fails, as the k-th from now on; 0 for none.
+struct Fault {
+    explicit Fault(int& counter, int in = 1) : m_counter(counter) { m_counter = in; }
+    ~Fault() { m_counter = 0; }
+    Fault(const Fault&) = delete;
+    Fault& operator=(const Fault&) = delete;
+
+private:
+    int& m_counter;
+};
+
+int g_realloc = 0;
+int g_newRecord = 0;
+int g_writeItem = 0;
+
+bool Strikes(int& counter, int error)
+{
+    if (counter == 0 || --counter != 0)
+        return false;
+    errno = error;
+    return true;
+}
+
+}  // namespace
+
+extern "C" {
+void* __real_realloc(void* data, std::size_t size);
+void* __real__ZnwmRKSt9nothrow_t(std::size_t size, const std::nothrow_t& tag) noexcept;
+std::size_t __real__ZN8platform9WriteItemEP8_IO_FILEPKvm(std::FILE* stream, const void* data,
+                                                         std::size_t size);
+
+void* __wrap_realloc(void* data, std::size_t size)
+{
+    return Strikes(g_realloc, ENOMEM) ? nullptr : __real_realloc(data, size);
+}
+
+void* __wrap__ZnwmRKSt9nothrow_t(std::size_t size, const std::nothrow_t& tag) noexcept
+{
+    return Strikes(g_newRecord, ENOMEM) ? nullptr : __real__ZnwmRKSt9nothrow_t(size, tag);
+}
+
+std::size_t __wrap__ZN8platform9WriteItemEP8_IO_FILEPKvm(std::FILE* stream, const void* data,
+                                                         std::size_t size)
+{
+    return Strikes(g_writeItem, ENOSPC)
+               ? 0
+               : __real__ZN8platform9WriteItemEP8_IO_FILEPKvm(stream, data, size);
+}
+}
+
+namespace {
+
+using testing::EndsWith;
+using testing::HasSubstr;
+
+// What a call throws: an integer, or the code of the I/O layer's exception; INT32_MIN for nothing.
+// What it prints is in `printed`.
+template <typename Call>
+std::int32_t Thrown(Call call, std::string* printed = nullptr)
+{
+    testing::internal::CaptureStdout();
+    std::int32_t code = INT32_MIN;
+    try {
+        call();
+    } catch (const kv_mp4_exception& error) {
+        code = error.code;
+    } catch (int number) {
+        code = number;
+    }
+    const std::string text = testing::internal::GetCapturedStdout();
+    if (printed)
+        *printed = text;
+    return code;
+}
+
+// A folder that goes with its test.
+struct InFolder : testing::Test {
+    InFolder()
+    {
+        std::string name = (std::filesystem::temp_directory_path() / "faults.XXXXXX").string();
+        m_folder = mkdtemp(name.data());
+    }
+    ~InFolder() override { std::filesystem::remove_all(m_folder); }
+    std::wstring Path() const { return (m_folder / "clip.mp4").wstring(); }
+
+    std::filesystem::path m_folder;
+    CLogLines m_log;
+    CMp4Muxer m_muxer;
+};
+
+using AFailingDisk = InFolder;
+using FailingMemory = InFolder;
+
+const mp4_audio_track_info kAac{48000, 1024, MP4_AUDIO_AAC_RAW, 48000, 2, 2};
+
+}  // namespace
+
+// ---- The pool ------------------------------------------------------------------------------
+
+TEST(PoolWithoutMemory, ForTheDataThrows33AndKeepsTheRecord)
+{
+    CReadBufferPool pool;
+    {
+        const Fault fault(g_realloc);
+        EXPECT_EQ(Thrown([&] { pool.GetBuffer(10); }), 33);
+    }
+    std::list<RefBuffer*> held{pool.GetBuffer(0)};
+    EXPECT_EQ(held.front()->capacity, 0u);
+    EXPECT_EQ(held.front()->data, nullptr);
+    EXPECT_EQ(held.front()->refCount, 1u);
+    ReleaseBuffers(held);
+}
+
+TEST(PoolWithoutMemory, ToGrowABufferThrows33AndForgetsItsCapacity)
+{
+    CReadBufferPool pool;
+    std::list<RefBuffer*> held{pool.GetBuffer(10)};
+    ReleaseBuffers(held);
+    {
+        const Fault fault(g_realloc);
+        EXPECT_EQ(Thrown([&] { pool.GetBuffer(11); }), 33);
+    }
+    held = {pool.GetBuffer(5)};
+    EXPECT_EQ(held.front()->capacity, 5u);
+    ReleaseBuffers(held);
+}
+
+TEST(PoolWithoutMemory, ForTheRecordThrows83AndLeavesNoLeak)
+{
+    std::string printed;
+    EXPECT_EQ(Thrown([] {
+        CReadBufferPool pool;
+        const Fault fault(g_newRecord);
+        pool.GetBuffer(10);
+    }, &printed), 83);
+    EXPECT_EQ(printed, "");
+}
+
+// ---- Buffers and tables --------------------------------------------------------------------
+
+TEST(ABufferWithoutMemory, ReportsAWriteErrorAndDropsItsStore)
+{
+    CBufferIO buffer;
+    buffer.AttachSink(nullptr);
+    buffer.Write("abc", 3);
+    std::string printed;
+    const Fault fault(g_realloc);
+    EXPECT_EQ(Thrown([&] { buffer.Reserve(2000); }, &printed), ENOMEM);
+    EXPECT_THAT(printed, testing::StartsWith("BaseIO : Error - [line "));
+    EXPECT_THAT(printed, EndsWith("] Write error Cannot allocate memory !\n\n"));
+    EXPECT_EQ(buffer.m_state, kStateFailed);
+    EXPECT_EQ(buffer.m_errno, ENOMEM);
+    EXPECT_EQ(buffer.Capacity(), 0u);
+    EXPECT_EQ(buffer.Tell(), 0);
+    EXPECT_EQ(buffer.Data(), nullptr);
+    EXPECT_EQ(buffer.Size(), 3u);
+}
+
+// 256 sizes fill the first kibibyte.
+TEST(ATableWithoutMemory, DropsWhatIsAppendedLater)
+{
+    On<CMp4StszAtom> on;
+    for (int i = 0; i < 256; ++i)
+        on.box.AddSample(i);
+    EXPECT_EQ(on.Written().size(), 20u + 1024);
+    {
+        const Fault fault(g_realloc);
+        EXPECT_EQ(Thrown([&] { on.box.AddSample(256); }), ENOMEM);
+    }
+    // Memory would be there again, but the table takes nothing more.
+    EXPECT_EQ(Thrown([&] { on.box.AddSample(257); }), INT32_MIN);
+    EXPECT_EQ(U32At(on.Written(), 16), 256u);
+}
+
+TEST(ATableWithoutMemory, LeavesTheOtherTablesOfItsTrackAlone)
+{
+    On<CMp4AudioStblAtom> on;
+    const auto add = [&on](int i) { on.box.AddSample(36, i, 40, 40, i == 0); };
+    for (int i = 0; i < 256; ++i)
+        add(i);
+    {
+        const Fault fault(g_realloc);
+        EXPECT_EQ(Thrown([&] { add(256); }), ENOMEM);
+    }
+    EXPECT_EQ(Thrown([&] { add(257); }), INT32_MIN);
+    const std::string stsc = Find(on.Written(), "stbl/stsc");
+    EXPECT_EQ(U32At(stsc, 20), 258u);  // counted ahead of the size that failed
+}
+
+// ---- The muxer -----------------------------------------------------------------------------
+
+TEST_F(FailingMemory, OfATableLeavesTheFrameCallAndTheFileCanBeClosed)
+{
+    ASSERT_EQ(m_muxer.Create(Path().c_str(), 0, 0, 0, MP4_IO_FILE, nullptr), 0u);
+    ASSERT_EQ(m_muxer.SetAudioTrack(&kAac), 0u);
+    const std::uint8_t data[20] = {1};
+    const auto write = [&](std::uint64_t i) {
+        return m_muxer.WriteAudioFrame({10 + static_cast<std::uint32_t>(i % 2), data, 1024 * i});
+    };
+    for (std::uint64_t i = 0; i < 256; ++i)
+        ASSERT_EQ(write(i), 0u);
+    {
+        const Fault fault(g_realloc);
+        EXPECT_EQ(Thrown([&] { write(256); }), ENOMEM);
+    }
+    EXPECT_EQ(write(257), 0u);
+    EXPECT_EQ(m_muxer.Close(), 0u);
+}
+
+TEST_F(AFailingDisk, ThatTakesNoHeaderOfTheLogLeavesNoFile)
+{
+    const Fault fault(g_writeItem);
+    std::uint32_t status = 0;
+    EXPECT_EQ(Thrown([&] {
+        status = m_muxer.Create(Path().c_str(), 0, 0, MP4_OPEN_INFO_FILE, MP4_IO_FILE, nullptr);
+    }), INT32_MIN);
+    EXPECT_EQ(status, 16u);
+    EXPECT_TRUE(std::filesystem::is_empty(m_folder));
+    EXPECT_THAT(m_log.Text(), HasSubstr("info Muxer - Close - uninit takes "));
+}
+
+// One write for the flags in the log; eight for "ftyp" with its size, two each for "free" and
+// "mdat"; and one for the place of mdat in the log.
+TEST_F(AFailingDisk, ThatTakesNoHeadOfTheFileLeavesTheOutputAndRemovesTheLog)
+{
+    for (int writes = 2;; ++writes) {
+        const Fault fault(g_writeItem, writes);
+        CMp4Muxer muxer;
+        std::uint32_t status = 0;
+        Thrown([&] {
+            status = muxer.Create(Path().c_str(), 0, 0, MP4_OPEN_INFO_FILE, MP4_IO_FILE, nullptr);
+        });
+        if (status == 0) {
+            EXPECT_EQ(writes, 1 + 8 + 2 + 2 + 1 + 1);
+            muxer.Close();
+            break;
+        }
+        EXPECT_EQ(status, 16u);
+        EXPECT_TRUE(std::filesystem::exists(m_folder / "clip.mp4"));
+        EXPECT_FALSE(std::filesystem::exists(m_folder / "clip.mp4.info"));
+    }
+}

@@ -338,6 +338,8 @@ KV_MP4_API uint32_t mp4_get_safe_param(mp4_handle handle, mp4_safe_param *params
 KV_MP4_API uint32_t mp4_set_safe_param(mp4_handle handle, const mp4_safe_param *params);
 
 /* How many video frames may pass between two flushes of the info file: 10 or more, 900 at first.
+ * In a local file the frame call that flushes waits until data and log are on the medium, as the
+ * one that makes a checkpoint in safe mode does.
  * Returns 4 when it changed the interval and 0 when it refused, the reverse of all others. */
 KV_MP4_API uint32_t mp4_repair_set_flush_interval(mp4_handle handle, uint32_t interval);
 

@@ -57,6 +57,14 @@ void IBaseIO::FailEndOfData(std::int32_t error, Where where)
     throw kv_mp4_exception(kEndOfData);
 }
 
+namespace {
+
+// So many bytes after the last time, the system is asked to begin bringing data to the medium: the
+// next Flush then finds little left to wait for.
+constexpr std::uint32_t kWriteBehind = 1 << 20;
+
+}  // namespace
+
 // ---- IFileIOBase ---------------------------------------------------------------------------
 
 IFileIOBase::~IFileIOBase()
@@ -88,7 +96,12 @@ void IFileIOBase::Seek(std::int64_t offset, std::int32_t origin)
 void IFileIOBase::Flush()
 {
     // Not opened: fflush(NULL) would flush every stream of the process.
-    if (m_stream && std::fflush(m_stream) != 0)
+    if (!m_stream)
+        return;
+    if (std::fflush(m_stream) != 0)
+        FailWrite(errno);
+    // What the system could not bring to the medium is as lost as what it did not take.
+    if (m_durable && !platform::SyncData(m_stream))
         FailWrite(errno);
 }
 
@@ -102,6 +115,13 @@ void IFileIOBase::Write(const void* buffer, std::uint32_t size)
 {
     if (platform::WriteItem(m_stream, buffer, size) != 1)
         FailWrite(errno);
+    if (!m_durable)
+        return;
+    m_unsent += size;
+    if (m_unsent >= kWriteBehind) {
+        m_unsent = 0;
+        platform::BeginWriteBack(m_stream);
+    }
 }
 
 std::uint32_t IFileIOBase::Open(const wchar_t* path, const char* mode)

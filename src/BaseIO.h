@@ -59,6 +59,9 @@ class IFileIO : public IBaseIO {
 public:
     virtual std::uint32_t Init(const wchar_t* path, std::uint32_t block_size,
                                std::uint32_t block_count) = 0;
+    // From here on a Flush also waits until the data is on the medium. A caller's own output does
+    // as it likes.
+    virtual void SetDurable() {}
 };
 
 // All operations but Init on one owned buffered stream.
@@ -73,6 +76,7 @@ public:
     std::int64_t Tell() override;
     void Seek(std::int64_t offset, std::int32_t origin) override;
     void Flush() override;
+    void SetDurable() override { m_durable = true; }
     bool IsLocal() override { return true; }
     void Read(void* buffer, std::uint32_t size) override;   // zero bytes are a failure
     void Write(const void* buffer, std::uint32_t size) override;  // zero bytes are a failure
@@ -82,6 +86,8 @@ protected:
     std::uint32_t Open(const wchar_t* path, const char* mode);
 
     std::FILE* m_stream = nullptr;  // owned
+    bool m_durable = false;
+    std::uint32_t m_unsent = 0;  // bytes written since the system was asked to begin with them
 };
 
 // Creates a new file, or truncates an old one.

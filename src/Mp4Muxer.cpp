@@ -36,6 +36,8 @@ std::uint32_t CMp4Muxer::Create(const wchar_t* path, std::uint32_t block_size,
     const std::uint32_t status = OpenWriter(block_size, block_count, io_mode, pFunc);
     if (!m_pFile)
         return FailCreate(status);  // Kept: an unknown io_mode so returns 0, and has no writer
+    if (m_safeMode || m_infoWriter.IsOpen())
+        m_pFile->SetDurable();
 
     // 3. The boxes and the head of the file.
     MakeBoxes(flags);
@@ -68,6 +70,7 @@ std::uint32_t CMp4Muxer::OpenInfoFile(const wchar_t* path, std::uint8_t flags)
     if (const std::uint32_t status = m_infoWriter.Init(m_infoPath.c_str(), 0, 0);
         !m_infoWriter.IsOpen())
         return status;
+    m_infoWriter.SetDurable();
     const std::uint32_t status = WriteInfoHeader(flags);
     if (!m_infoWriter.IsOpen())
         platform::RemoveFile(m_infoPath.c_str());
@@ -214,16 +217,22 @@ void CMp4Muxer::FinishFile(std::int64_t& clock)
         if (m_moov)
             m_moov->Write();
     }
-    // The one flush that no box or checkpoint asks for: otherwise the stream would hand over its
-    // last bytes when it closes, behind the removal of the log and with nobody to see it fail. A
-    // disk that fills up in them so fails the close and keeps the log. Local files only: a caller's
-    // own output sees exactly the calls of the close itself.
-    if (m_pFile && m_pFile->IsLocal() && m_pFile->IsOpen())
-        m_pFile->Flush();
+    // Otherwise the stream would hand over its last bytes when it closes, behind the removal of the
+    // log and with nobody to see it fail. A disk that fills up in them so fails the close and keeps
+    // the log, and so does a power cut.
+    FlushLocal();
     LOG_INFO("Muxer - Close - moov write takes {} ms", Lap(clock));
     // Kept: with an empty path, too; there is no log then, and its line comes all the same.
     platform::RemoveFile(m_infoPath.c_str());
     LOG_INFO("Muxer - Close - remove info file takes {} ms", Lap(clock));
+}
+
+// A flush that no box or checkpoint asks for. Local files only: a caller's own output sees exactly
+// the calls of the recording itself.
+void CMp4Muxer::FlushLocal()
+{
+    if (m_pFile && m_pFile->IsLocal() && m_pFile->IsOpen())
+        m_pFile->Flush();
 }
 
 void CMp4Muxer::PrepareMoovBuffer()

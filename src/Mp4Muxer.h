@@ -118,6 +118,7 @@ private:
     void MakeBoxes(std::uint8_t flags);
     void WriteFileHead();
     void FinishFile(std::int64_t& clock);  // `clock`: its last reading, moved on by each step
+    void FlushLocal();
     void PrepareMoovBuffer();
     std::uint32_t FailCreate(std::uint32_t status);
 

@@ -120,6 +120,9 @@ void CMp4Repair::Rebuild(bool quickTime, std::int64_t& end, std::uint32_t& statu
 
     // 4. The media file.
     end = WriteMoov(mdatPosition, large, fileSize);
+    // All of it must stand before the log may go: a disk that is full, or a power cut, keeps the log.
+    m_writer.SetDurable();
+    m_writer.Flush();
 }
 
 // Patches `mdat` and writes `moov` behind it; the position behind that.

@@ -45,6 +45,13 @@ std::size_t WriteItem(std::FILE* stream, const void* data, std::size_t size);
 // Up to `size` bytes; the number of bytes read.
 std::size_t ReadBytes(std::FILE* stream, void* data, std::size_t size);
 
+// Waits until all that the stream has handed to the system is on the medium. False with errno when
+// the medium refused it; files that have no medium behind them are left alone.
+bool SyncData(std::FILE* stream);
+
+// Asks the system to begin with that and does not wait; a hint that may do nothing.
+void BeginWriteBack(std::FILE* stream);
+
 // Milliseconds of a steady clock.
 std::int64_t ClockMs();
 

@@ -7,6 +7,7 @@
 #include <string>
 
 #include <spdlog/sinks/stdout_sinks.h>
+#include <fcntl.h>
 #include <unistd.h>
 
 namespace {
@@ -107,6 +108,23 @@ std::size_t WriteItem(std::FILE* stream, const void* data, std::size_t size)
 std::size_t ReadBytes(std::FILE* stream, void* data, std::size_t size)
 {
     return ::fread_unlocked(data, 1, size, stream);
+}
+
+bool SyncData([[maybe_unused]] std::FILE* stream)
+{
+#if KV_MP4_DURABLE
+    if (::fdatasync(::fileno(stream)) != 0)
+        return errno == EINVAL || errno == EROFS || errno == ENOTSUP;
+#endif
+    return true;
+}
+
+void BeginWriteBack([[maybe_unused]] std::FILE* stream)
+{
+#if KV_MP4_WRITE_BEHIND && defined(SYNC_FILE_RANGE_WRITE)
+    const CErrnoKeeper keep;
+    ::sync_file_range(::fileno(stream), 0, 0, SYNC_FILE_RANGE_WRITE);
+#endif
 }
 
 std::int64_t ClockMs()

@@ -16,8 +16,8 @@ struct KillState {
 };
 
 // All cuts of a recording from its first checkpoint on to its close: behind each write, and inside
-// every one that is no payload at each byte. Left out are the three inside the four bytes of each
-// switch, which a system must write as one.
+// every one that is no payload at each byte; behind any other call the file is the same. Left out
+// are the three inside the four bytes of each switch, which a system must write as one.
 std::vector<KillState> KillStates(const Take& take);
 
 // A media file and a log as a kill leaves them: the log holds no call whose media is not complete.

@@ -1,6 +1,7 @@
 // What ends a run: one sentence for standard error and an exit code that tells the kinds apart.
 #pragma once
 
+#include <cstdint>
 #include <stdexcept>
 #include <string>
 
@@ -12,6 +13,11 @@ enum ExitCode {
     kExitStream = 4,  // no usable stream, or a codec that cannot be recorded
     kExitOutput = 5,  // the output cannot be created
     kExitWrite = 6,   // a write failed: disk full and the like
+    kExitNoLog = 7,   // a repair finds no log
+    kExitLog = 8,     // the log cannot be read
+    kExitNotALog = 9,  // it is something else
+    kExitRefused = 10,  // a repair would leave less than there is
+    kExitPartly = 11,   // repaired up to a damage in the log
 };
 
 class Failure : public std::runtime_error {
@@ -22,3 +28,6 @@ public:
     }
     ExitCode code;
 };
+
+// What a status of the library means, as the end of a sentence.
+const char* StatusText(std::uint32_t status);

@@ -1,5 +1,6 @@
 #include "failure.h"
 #include "record.h"
+#include "repair.h"
 
 #include <CLI/CLI.hpp>
 #include <fmt/core.h>
@@ -7,7 +8,10 @@
 #include <spdlog/spdlog.h>
 
 #include <csignal>
+#include <cstdint>
 #include <exception>
+#include <map>
+#include <string>
 
 extern "C" {
 #include <libavdevice/avdevice.h>
@@ -35,12 +39,44 @@ file count from the recording's time code, or from its beginning where they lie 
 Time code: the one of the input's time-code track or metadata, unless --timecode gives or drops it.
 It is kept in both kinds of file; most players look for it in MOV files only.
 
+Sudden ends: with --safe the file holds an index of what came before the last checkpoint, and plays
+up to there however the recording ended. Checkpoints lie some distance apart, in bytes: at R bits a
+second a distance of D bytes is 8 D / R seconds that may be lost, 17 s for the 10 MiB that are the
+least by default at 5 Mb/s. --safe-min is the first and the smallest distance, --safe-max the largest,
+reached at --safe-threshold; keep both above the size of the index and of four frames. --info keeps a
+log beside the file, OUTPUT.info, from which "kvmp4 repair" saves all that reached it; it is flushed
+every --info-flush video frames, and is gone after a proper end.
+
+--profile low-loss is --safe and --info with a checkpoint each second, whatever the bit rate, and
+with a log that is at most a second old. A killed recording loses less than 2 s after a repair. As it
+lies it does so too, unless the bit rate has just fallen steeply, or 2 s take less space than the
+index, which grows by about 1 KB a second: checkpoints keep that distance at least. Files of --safe
+must stay below 4 GiB to play without a repair.
+
 Metadata keys: title, artist, album_artist, composer, album, date, encoding_tool, comment, genre,
 copyright, grouping, lyrics, description, synopsis, show, episode_id, network, and any key that
 begins with "com.".
 
 Exit codes: 0 recorded; 1 other; 2 usage; 3 the input cannot be opened or read; 4 no usable stream
 or a codec that cannot be recorded; 5 the output cannot be created; 6 a write failed.)";
+
+constexpr char kRepairHelp[] = R"(
+Rebuilds the index of a recording that did not end properly, from the log beside it, FILE.info, which
+"kvmp4 record --info" keeps. Says beforehand what both files hold, what will be kept and what lost:
+the last packet of the log always is, and so is what had not reached both files. The recorded frames
+are neither read nor moved.
+
+A file is left as it is, with exit code 10, where a repair would leave less than there is: where it
+would empty the file, or where the file plays as it lies with more than the log knows, as a recording
+with --safe does that was killed soon after a checkpoint. --force repairs it all the same. Give the
+path that the file was recorded to: a "mov" in it decides its kind.
+
+The log stays, and the repair can be repeated, unless --delete-log removes it. With --backup both
+files are copied first, to FILE.bak and FILE.bak.info.
+
+Exit codes: 0 repaired, or nothing speaks against it (--dry-run); 1 other; 2 usage; 3 the file cannot
+be opened; 5 the backup cannot be made; 6 a write failed; 7 there is no log; 8 the log cannot be read;
+9 it is not a log; 10 refused; 11 the log is damaged, and what came before the damage is repaired.)";
 
 void OnSignal(int)
 {
@@ -90,9 +126,40 @@ int main(int argc, char** argv)
     record->add_flag("--large-file", options.largeFile, "64-bit sizes, for files beyond 4 GiB");
     record->add_flag("--fast-header", options.fastHeader, "Write the index with a single write");
     record->add_flag("--version1", options.version1, "64-bit durations in the headers");
+    SafetyOptions& safety = options.safety;
+    record->add_flag("--safe", safety.safe, "Write checkpoints, so that a killed recording plays");
+    record->add_option("--safe-strategy", safety.strategy,
+                       "How the distance grows: fixed, linear (default) or stepped")
+        ->transform(CLI::CheckedTransformer(
+            std::map<std::string, std::uint32_t>{{"fixed", 0}, {"linear", 1}, {"stepped", 2}}));
+    record->add_option("--safe-min", safety.minInterval, "First and smallest distance (10MiB)")
+        ->transform(CLI::AsSizeValue(false));
+    record->add_option("--safe-max", safety.maxInterval, "Largest distance (100MiB)")
+        ->transform(CLI::AsSizeValue(false));
+    record->add_option("--safe-threshold", safety.threshold,
+                       "File size that has the largest distance (1GiB)")
+        ->transform(CLI::AsSizeValue(false));
+    record->add_flag("--info", safety.info, "Keep a log for \"kvmp4 repair\", OUTPUT.info");
+    record->add_option("--info-flush", safety.infoFlush,
+                       "Video frames from flush to flush of the log, 10 or more (900)")
+        ->check(CLI::Range(10u, 0xFFFFFFFFu));
+    record->add_option("--profile", safety.profile, "low-loss: lose less than 2 s (see below)")
+        ->check(CLI::IsMember({"low-loss"}));
     record->add_flag("--realtime", options.realtime, "Read a file at the pace of its times");
     record->add_flag("-y,--overwrite", options.overwrite, "Overwrite the output");
     record->add_flag("-v,--verbose", options.verbose, "Show the logs");
+
+    RepairOptions repairOptions;
+    CLI::App* repair = app.add_subcommand("repair", "Repair a recording that was cut off");
+    repair->footer(kRepairHelp);
+    repair->add_option("file", repairOptions.file, "The recording; its log is FILE.info")
+        ->required();
+    repair->add_flag("-n,--dry-run", repairOptions.dryRun, "Only say what a repair would do");
+    repair->add_flag("--backup", repairOptions.backup, "Copy both files to FILE.bak(.info) first");
+    repair->add_flag("--force", repairOptions.force, "Repair even if that leaves less");
+    repair->add_flag("--delete-log", repairOptions.deleteLog, "Delete the log after a repair");
+    repair->add_flag("--json", repairOptions.json, "Report on standard output as JSON");
+    repair->add_flag("-v,--verbose", repairOptions.verbose, "Show the logs");
 
     try {
         app.parse(argc, argv);
@@ -103,7 +170,7 @@ int main(int argc, char** argv)
 
     // The library logs through spdlog's default logger, which is ours.
     spdlog::set_default_logger(spdlog::stderr_color_mt("kvmp4"));
-    spdlog::set_level(options.verbose ? spdlog::level::info : spdlog::level::off);
+    spdlog::set_level(options.verbose || repairOptions.verbose ? spdlog::level::info : spdlog::level::off);
     av_log_set_level(options.verbose ? AV_LOG_INFO : AV_LOG_FATAL);
     avdevice_register_all();
 
@@ -115,6 +182,8 @@ int main(int argc, char** argv)
     std::signal(SIGXFSZ, SIG_IGN);
 
     try {
+        if (repair->parsed())
+            return Repair(repairOptions);
         Record(options);
     } catch (const Failure& failure) {
         return Fail(failure.code, failure.what());

@@ -31,21 +31,6 @@ namespace {
 using namespace std::string_literals;
 using Clock = std::chrono::steady_clock;
 
-const char* StatusText(std::uint32_t status)
-{
-    switch (status) {
-    case MP4_ERR_PERMISSION: return "operation not permitted";
-    case MP4_ERR_NOT_FOUND: return "no such file or folder";
-    case MP4_ERR_ACCESS: return "permission denied";
-    case MP4_ERR_BUSY: return "it is in use";
-    case MP4_ERR_TOO_MANY_FILES: return "too many open files";
-    case MP4_ERR_DISK_FULL: return "no space left on the disk";
-    case MP4_ERR_READ_ONLY: return "the file system is read-only";
-    case MP4_ERR_INVALID_PARAM: return "a value is not valid";
-    default: return "the system reports an error";
-    }
-}
-
 // One line on a terminal, several times a second; nothing elsewhere.
 class Progress {
 public:
@@ -89,7 +74,10 @@ public:
         const std::uint8_t flags =
             static_cast<std::uint8_t>((options.largeFile ? MP4_OPEN_LARGE_FILE : 0) |
                                       (options.fastHeader ? MP4_OPEN_FAST_HEADER : 0) |
-                                      (options.version1 ? MP4_OPEN_VERSION1 : 0));
+                                      (options.version1 ? MP4_OPEN_VERSION1 : 0) |
+                                      (options.safety.Safe() ? MP4_OPEN_SAFE_MODE : 0) |
+                                      (options.safety.Info() ? MP4_OPEN_INFO_FILE : 0));
+        std::error_code ignored;
         if (m_path.size() > 1000)
             throw Failure(kExitOutput, "the path of the output is too long");
         const std::uint32_t status = mp4_create_file_adv_ex(
@@ -97,6 +85,16 @@ public:
         if (status != MP4_OK || !m_file)
             throw Failure(kExitOutput,
                           "cannot create " + m_path + ": " + StatusText(status));
+        // The log of what was overwritten would be taken for this recording's.
+        if (!options.safety.Info())
+            std::filesystem::remove(m_path + ".info", ignored);
+        ApplySafety(options.safety, m_file);
+        if (options.safety.LowLoss()) {
+            std::size_t metadata = 0;
+            for (const std::string& item : options.metadata)
+                metadata += 2 * item.size() + 64;
+            m_lowLoss.emplace(m_file, metadata);
+        }
     }
     ~Output()
     {
@@ -113,6 +111,8 @@ public:
             const mp4_subtitle_track_info info{track.codec, track.timescale};
             status = mp4_set_subtitle_track(m_file, &info);
         } else if (track.kind == Kind::kVideo) {
+            if (m_lowLoss)
+                m_lowLoss->SetFrameRate(track.rate.den > 0 ? av_q2d(track.rate) : 0);
             mp4_video_track_info info{};
             info.timescale = track.timescale;
             info.sample_duration = track.sampleDuration;
@@ -180,7 +180,11 @@ public:
             const auto write = frame.kind == Kind::kVideo   ? mp4_write_video_frame
                                : frame.kind == Kind::kAudio ? mp4_write_audio_frame
                                                             : mp4_write_subtitle_frame;
+            if (m_lowLoss)
+                m_lowLoss->BeforeFrame(frame);
             status = write(m_file, frame.data.data(), size, time);
+            if (m_lowLoss)
+                m_lowLoss->AfterFrame(frame);
         } catch (const kv_mp4_exception& error) {
             throw Failure(kExitWrite, "writing " + m_path + " failed: " +
                                           std::generic_category().message(error.code));
@@ -205,6 +209,7 @@ public:
 private:
     const std::string m_path;
     mp4_handle m_file = nullptr;
+    std::optional<LowLoss> m_lowLoss;
     std::uint64_t m_broken = 0;  // frames that the library could not read
 };
 
@@ -418,12 +423,16 @@ void CheckOptions(const RecordOptions& options, AVRational& fps)
         if (!key.starts_with("com.") && std::ranges::find(kKeys, key) == std::end(kKeys))
             throw Failure(kExitUsage, "\"" + key + "\" is no metadata key (see --help)");
     }
+    CheckSafety(options.safety, options.fastHeader);
     std::error_code ignored;
     for (const std::string& input : options.inputs)
         if (std::filesystem::equivalent(input, options.output, ignored))
             throw Failure(kExitUsage, "the output is the input itself: " + input);
     if (!options.overwrite && std::filesystem::is_regular_file(options.output, ignored))
         throw Failure(kExitOutput, options.output + " exists already (-y overwrites it)");
+    if (!options.overwrite && std::filesystem::exists(options.output + ".info", ignored))
+        throw Failure(kExitOutput, options.output + ".info exists already, the log of a recording "
+                                   "that did not end properly (-y overwrites it)");
     const std::string extension = std::filesystem::path(options.output).extension();
     const bool quickTime = options.output.find("mov") != std::string::npos;
     if (quickTime && extension == ".mp4")

@@ -2,6 +2,7 @@
 #pragma once
 
 #include "input.h"
+#include "safety.h"
 
 #include <string>
 #include <utility>
@@ -25,6 +26,7 @@ struct RecordOptions {
     bool realtime = false;
     bool overwrite = false;
     bool verbose = false;
+    SafetyOptions safety;
 };
 
 // Records to the end of the inputs; throws a Failure.

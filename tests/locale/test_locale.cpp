@@ -9,6 +9,7 @@
 
 #include <cerrno>
 #include <clocale>
+#include <cstdio>
 #include <filesystem>
 
 #include <stdlib.h>
@@ -71,6 +72,28 @@ TEST_F(Locale, AWidePathNamesTheSameFile)
     ASSERT_EQ(mp4_create_file_adv(path.c_str(), 0, 0, 0, MP4_IO_FILE, nullptr, &m_file), 0u);
     EXPECT_THAT(Names(m_folder / ""), ElementsAre(kName));
     EXPECT_EQ(mp4_close_file(m_file), 0u);
+}
+
+// The copies are what a recorder leaves that died: a flush of all streams has brought them the log.
+TEST_F(Locale, RepairTakesAMultibytePath)
+{
+    ASSERT_EQ(mp4_create_file_adv_ex(Path(kName).c_str(), MP4_OPEN_INFO_FILE, 0, 0, MP4_IO_FILE,
+                                     nullptr, &m_file), 0u);
+    const mp4_audio_track_info aac{48000, 1024, MP4_AUDIO_AAC_RAW, 48000, 2, 2};
+    EXPECT_EQ(mp4_set_audio_track(m_file, &aac), 0u);
+    for (std::uint64_t i = 0; i < 3; ++i)
+        EXPECT_EQ(mp4_write_audio_frame(m_file, Bytes(30, 1).data(), 30, 1024 * i), 0u);
+    std::fflush(nullptr);
+    const Folder other;
+    for (const std::string& name : {std::string(kName), kName + std::string(".info")})
+        std::filesystem::copy_file(m_folder / name, other / name);
+    EXPECT_EQ(mp4_close_file(m_file), 0u);
+    std::setlocale(LC_ALL, "C");
+    EXPECT_EQ(mp4_repair_file_ex((other / kName).c_str(), 1), 0u);
+    EXPECT_THAT(Names(other / ""), ElementsAre(kName));
+    const BoxFile file = BoxFile::Read(other / kName);
+    EXPECT_THAT(file.Complaints(), testing::IsEmpty());
+    EXPECT_TRUE(file.Has("moov/trak.soun"));
 }
 
 TEST_F(Locale, ATitleKeepsItsBytes)

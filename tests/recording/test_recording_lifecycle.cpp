@@ -4,6 +4,7 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <spdlog/spdlog.h>
 
 #include <cerrno>
 #include <filesystem>
@@ -116,6 +117,58 @@ TEST(APath, Of1022CharactersPassesOn)
     EXPECT_EQ(mp4_close_file(file), 0u);
     EXPECT_TRUE(std::filesystem::exists(path));
     EXPECT_EQ(log.Count("error file path reach the max path size 1024"), 0u);
+}
+
+TEST(ARefusedPath, AnnouncesNoVersion)
+{
+    const LogCapture log;
+    mp4_handle file = nullptr;
+    EXPECT_EQ(mp4_create_file_ex("\xFF.mp4", 0, &file), 1u);
+    EXPECT_EQ(mp4_create_file_ex(std::string(1023, 'a').c_str(), 0, &file), 1u);
+    EXPECT_THAT(log.Lines(), ElementsAre("error wcstombs failed",
+                                         "error file path reach the max path size 1024"));
+}
+
+TEST(TheLongCreates, LeaveTheLoggerAsItIs)
+{
+    const Folder folder;
+    const LogCapture log;
+    const auto logger = spdlog::default_logger();
+    const std::string path = (folder / "a.mp4").string();  // ASCII
+    mp4_handle file = nullptr;
+    ASSERT_EQ(CreateFile(path, 0, file), 0u);
+    EXPECT_EQ(mp4_close_file(file), 0u);
+    ASSERT_EQ(mp4_create_file_adv(std::wstring(path.begin(), path.end()).c_str(), 0, 0, 0,
+                                  MP4_IO_FILE, nullptr, &file),
+              0u);
+    EXPECT_EQ(mp4_close_file(file), 0u);
+    EXPECT_EQ(spdlog::default_logger(), logger);
+    EXPECT_EQ(log.Count("info lumivane mp4 library 1.0.1.17543"), 0u);
+}
+
+TEST(AnExternalOutput, IsOpenedWithThePathAndBothNumbers)
+{
+    const LogCapture log;
+    ExternalSink sink;
+    mp4_handle file = nullptr;
+    ASSERT_EQ(mp4_create_file_adv(L"some/where.mp4", 0, 7, 9, MP4_IO_EXTERNAL, sink.Table(), &file),
+              0u);
+    EXPECT_EQ(sink.Calls().front(), "open some/where.mp4 7 9");
+    EXPECT_EQ(mp4_close_file(file), 0u);
+}
+
+// ---- Queries ---------------------------------------------------------------------------------
+
+TEST(TheSizeOfMoov, IsThatOfItsBoxesSoFar)
+{
+    Recording rec;
+    EXPECT_EQ(mp4_get_moov_size(rec.Handle()), 8u + 108 + 61);
+    rec.SetH264();
+    EXPECT_EQ(mp4_get_moov_size(rec.Handle()), 8u + 108 + 61);  // no samples, no track
+    rec.FramesAt({0, 40});
+    const std::uint32_t size = mp4_get_moov_size(rec.Handle());
+    // The run that is still open is not counted.
+    EXPECT_EQ(rec.Close().Box("moov").size(), size + 8);
 }
 
 // ---- Statuses --------------------------------------------------------------------------------

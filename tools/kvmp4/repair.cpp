@@ -175,10 +175,11 @@ void PrintFindings(const RepairOptions& options, const FileReport& file, const L
         fmt::print("The log is damaged at byte {} of {} ({}): what follows is lost.\n",
                    log.damageAt, log.size, log.damage);
     else
-        fmt::print("The last packet of the log is lost{}{}.\n", log.lost.empty() ? "" : ": a ",
-                   log.lost);
+        fmt::print("The last packet of the log is lost{}.\n",
+                   log.lost.empty() ? "" : " (" + log.lost + ")");
     if (plan.unlogged != 0)
-        fmt::print("Of the {} bytes behind the last sample of the log nothing is kept.\n",
+        fmt::print("The {} bytes behind the last sample of the log are cut; they may hold frames that "
+                   "it does not name.\n",
                    plan.unlogged);
     if (Sum(plan.broken) != 0)
         fmt::print("The data of {} is not all there: they stay in, but broken.\n",

@@ -1,6 +1,6 @@
-// From create to close. Create opens the info file, then the output, and writes the head of the file;
-// frames then grow `mdat`; Close ends the info file, finishes `mdat`, writes `moov` and only then
-// deletes the info file, so that whatever fails before leaves the log for a repair.
+// From create to close. Create opens the info file, then the output, and writes the head of the
+// file; frames then grow `mdat`; Close ends the info file, finishes `mdat`, writes `moov` and only
+// then deletes the info file, so that whatever fails before leaves the log for a repair.
 #include "Mp4Muxer.h"
 
 #include "log.h"
@@ -126,12 +126,8 @@ void CMp4Muxer::MakeBoxes(std::uint8_t flags)
     } else {
         m_moov = std::make_unique<CMp4MoovAtom>(file, false, nullptr);
     }
-    if (large) {
-        // Kept: captions are left out and always write stco.
-        m_moov->m_trakVideo.m_mdia.m_minf.m_stbl.m_useCo64 = 1;
-        m_moov->m_trakAudio.m_mdia.m_minf.m_stbl.m_useCo64 = 1;
-        m_moov->m_trackTC.m_mdia.m_minf.m_stbl.m_useCo64 = 1;
-    }
+    if (large)
+        m_moov->UseCo64();
     if (flags & MP4_OPEN_VERSION1)
         m_moov->SetLongDuration();
 }

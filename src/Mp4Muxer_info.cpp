@@ -163,8 +163,8 @@ std::uint32_t CMp4Muxer::WriteInfoVideoFrame(std::uint32_t size, std::uint64_t p
         return status;
     ++m_infoFrames;  // Kept: video alone; a log without video is flushed at its end
     if (m_infoFrames - m_infoFlushedFrames >= m_infoFlushInterval) {
-        // The log must not outlive the data that it names. A writer that fails here refuses the next
-        // frame.
+        // The log must not outlive the data that it names. A writer that fails here refuses the
+        // next frame.
         Guarded([this] { FlushLocal(); });
         FlushInfo();  // Kept: its result is dropped; a log that ends here ends without a word
         m_infoFlushedFrames = m_infoFrames;

@@ -1,6 +1,6 @@
 // The safe mode. A complete moov always stands ahead of the growing data, and `mdat` is declared to
-// run up to it. Before the data reaches it, a new moov is written further on and one 4-byte write of
-// the `mdat` size switches the file over; the old one becomes part of `mdat`.
+// run up to it. Before the data reaches it, a new moov is written further on and one 4-byte write
+// of the `mdat` size switches the file over; the old one becomes part of `mdat`.
 #include "Mp4Muxer.h"
 
 #include "log.h"
@@ -28,8 +28,8 @@ std::uint64_t CMp4Muxer::CalcNextMoovPosition(std::int64_t position) const
     const auto p = static_cast<std::uint64_t>(position);
     const std::int64_t threshold = m_safeParam.threshold;
     const std::uint64_t minimum = m_safeParam.min_interval;
-    // Kept: a 32-bit difference, which wraps when the two are exchanged; checkpoint positions depend
-    // on it. All else is 64-bit, products wrap and divisions are signed.
+    // Kept: a 32-bit difference, which wraps when the two are exchanged; checkpoint positions
+    // depend on it. All else is 64-bit, products wrap and divisions are signed.
     const std::uint64_t span = m_safeParam.max_interval - m_safeParam.min_interval;
     // A threshold of 0 always counts as passed, also at the positions below 1 that only a caller's
     // own output gives.
@@ -67,12 +67,12 @@ bool CMp4Muxer::KeepMoovAhead(std::uint32_t size)
     // callers learn it from the log alone.
     if (next == kNoMoovPosition)
         return false;
-    // Kept: moved ahead of the write and not moved back by a failure; the next try starts from here.
+    // Kept: moved ahead of the write and not back by a failure; the next try starts from here.
     m_nextMoovPos = next;
     LOG_INFO("update moov header to {}", next);
     // 1. The new moov, complete and handed over, before the one size field is touched.
-    // Kept: with the fast header its buffer refuses the seek, and the exception leaves the export; the
-    // two modes do not go together and callers learn it here.
+    // Kept: with the fast header its buffer refuses the seek, and the exception leaves the export;
+    // the two modes do not go together and callers learn it here.
     m_moov->Write(next);
     m_pFile->Flush();
     // 2. The switch.

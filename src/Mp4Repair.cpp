@@ -86,12 +86,8 @@ void CMp4Repair::Rebuild(bool quickTime, std::int64_t& end, std::uint32_t& statu
     MakeTree(quickTime);
     const auto flags = Field<std::uint8_t>();
     const bool large = (flags & MP4_OPEN_LARGE_FILE) != 0;
-    if (large) {
-        // Kept: captions are left out and always write stco, as in a recording.
-        m_moov->m_trakVideo.m_mdia.m_minf.m_stbl.m_useCo64 = 1;
-        m_moov->m_trakAudio.m_mdia.m_minf.m_stbl.m_useCo64 = 1;
-        m_moov->m_trackTC.m_mdia.m_minf.m_stbl.m_useCo64 = 1;
-    }
+    if (large)
+        m_moov->UseCo64();
     if (flags & MP4_OPEN_VERSION1)
         m_moov->SetLongDuration();
     const auto mdatPosition = Field<std::uint32_t>();
@@ -120,7 +116,7 @@ void CMp4Repair::Rebuild(bool quickTime, std::int64_t& end, std::uint32_t& statu
 
     // 4. The media file.
     end = WriteMoov(mdatPosition, large, fileSize);
-    // All of it must stand before the log may go: a disk that is full, or a power cut, keeps the log.
+    // All of it must stand before the log may go: a full disk or a power cut keeps the log.
     m_writer.SetDurable();
     m_writer.Flush();
 }

@@ -1,5 +1,6 @@
-// Reads bits and exp-Golomb codes from a plain RBSP, most significant bit first. It knows nothing of
-// emulation prevention. Raises plain integers: 16 at the end of the data, 28 for a width above 63.
+// Reads bits and exp-Golomb codes from a plain RBSP, most significant bit first. It knows nothing
+// of emulation prevention. Raises plain integers: 16 at the end of the data, 28 for a width above
+// 63.
 #pragma once
 
 #include <cstdint>

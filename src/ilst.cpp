@@ -68,7 +68,8 @@ bool CMp4IlstAtom::AddKeyValue(std::uint32_t keyIndex, const void* value, std::u
         return false;
     const auto* bytes = static_cast<const char*>(value);
     const bool counted = type == kBinary || type == kInteger;
-    m_keyValues.push_back({counted ? std::string(bytes, size) : std::string(bytes), type, keyIndex});
+    std::string text = counted ? std::string(bytes, size) : std::string(bytes);
+    m_keyValues.push_back({std::move(text), type, keyIndex});
     return true;
 }
 
@@ -93,7 +94,7 @@ void CMp4IlstAtom::Write()
             f.Text(*item.value);
         }
         for (const KeyValue& entry : m_keyValues) {
-            // Kept: accepted when it was set and reported by every write; callers were told success.
+            // Kept: accepted when it was set and reported by every write; callers know no error.
             if (entry.type != kBinary && entry.type != kText && entry.type != kInteger) {
                 LOG_ERROR("unknown meta data type:{}", entry.type);
                 continue;

@@ -1,5 +1,5 @@
-// The tail of `moov`: `udta` with `meta`, its handler, `keys` and `ilst`. Well-known items are set by
-// name or code and hold text; keys that begin with "com." are free and addressed by index.
+// The tail of `moov`: `udta` with `meta`, its handler, `keys` and `ilst`. Well-known items are set
+// by name or code and hold text; keys that begin with "com." are free and addressed by index.
 #pragma once
 
 #include "atom.h"

@@ -1,6 +1,7 @@
 // The info file, path + ".info": a log of every track set-up and every sample, from which a repair
-// rebuilds `moov`. A 5-byte header (the open flags as u8, the position of the `mdat` header as u32),
-// then packets back to back, each a tag byte and its fields, big-endian. Shared by writer and reader.
+// rebuilds `moov`. A 5-byte header (the open flags as u8, the position of the `mdat` header as
+// u32), then packets back to back, each a tag byte and its fields, big-endian. Shared by writer and
+// reader.
 #pragma once
 
 #include <cstdint>

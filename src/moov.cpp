@@ -181,6 +181,14 @@ void CMp4MoovAtom::SetLongDuration()
     // Kept: captions and time code stay at 32 bits; readers find version 0 there in every file.
 }
 
+void CMp4MoovAtom::UseCo64()
+{
+    // Kept: captions are left out and always write stco; their tables have no other form.
+    m_trakVideo.m_mdia.m_minf.m_stbl.m_useCo64 = 1;
+    m_trakAudio.m_mdia.m_minf.m_stbl.m_useCo64 = 1;
+    m_trackTC.m_mdia.m_minf.m_stbl.m_useCo64 = 1;
+}
+
 // ---- Writing -------------------------------------------------------------------------------
 
 void CMp4MoovAtom::WriteTrack(CMp4TrakAtom& track)

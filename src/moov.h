@@ -32,6 +32,7 @@ public:
     // Of video or audio, whichever is longer.
     std::uint64_t GetDurationMS();
     void SetLongDuration();  // video and audio only
+    void UseCo64();          // all but captions
     void SetVideoTrack(const mp4_video_track_info& info);
     void SetAudioTrack(const mp4_audio_track_info& info);
     void SetSubtitleTrack(const mp4_subtitle_track_info& info);

@@ -64,7 +64,7 @@ void SetUtf8Locale();
 // SIZE_MAX for bytes that are not valid in the locale.
 std::size_t WidenPath(wchar_t* wide, const char* path, std::size_t limit);
 
-// Where the library's own logger writes: the debugger's output on Windows, standard error elsewhere.
+// Where the library's own logger writes: the debugger's output on Windows, else standard error.
 spdlog::sink_ptr MakeLogSink();
 
 }  // namespace platform

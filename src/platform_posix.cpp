@@ -17,7 +17,9 @@ bool NarrowPath(const wchar_t* path, std::string& narrow)
 {
     for (; *path != L'\0'; ++path) {
         const auto c = static_cast<std::uint32_t>(*path);
-        const auto put = [&narrow](std::uint32_t byte) { narrow.push_back(static_cast<char>(byte)); };
+        const auto put = [&narrow](std::uint32_t byte) {
+            narrow.push_back(static_cast<char>(byte));
+        };
         if (c < 0x80) {
             put(c);
         } else if (c < 0x800) {

@@ -57,14 +57,6 @@ void IBaseIO::FailEndOfData(std::int32_t error, Where where)
     throw kv_mp4_exception(kEndOfData);
 }
 
-namespace {
-
-// So many bytes after the last time, the system is asked to begin bringing data to the medium: the
-// next Flush then finds little left to wait for.
-constexpr std::uint32_t kWriteBehind = 1 << 20;
-
-}  // namespace
-
 // ---- IFileIOBase ---------------------------------------------------------------------------
 
 IFileIOBase::~IFileIOBase()
@@ -105,6 +97,12 @@ void IFileIOBase::Flush()
         FailWrite(errno);
 }
 
+void IFileIOBase::BeginEarly()
+{
+    if (m_stream && m_durable)
+        platform::BeginWriteBack(m_stream);
+}
+
 void IFileIOBase::Read(void* buffer, std::uint32_t size)
 {
     if (platform::ReadItem(m_stream, buffer, size) != 1)
@@ -115,13 +113,6 @@ void IFileIOBase::Write(const void* buffer, std::uint32_t size)
 {
     if (platform::WriteItem(m_stream, buffer, size) != 1)
         FailWrite(errno);
-    if (!m_durable)
-        return;
-    m_unsent += size;
-    if (m_unsent >= kWriteBehind) {
-        m_unsent = 0;
-        platform::BeginWriteBack(m_stream);
-    }
 }
 
 std::uint32_t IFileIOBase::Open(const wchar_t* path, const char* mode)

@@ -62,6 +62,8 @@ public:
     // From here on a Flush also waits until the data is on the medium. A caller's own output does
     // as it likes.
     virtual void SetDurable() {}
+    // Has the system begin with what it holds, so that the next such Flush finds little left.
+    virtual void BeginEarly() {}
 };
 
 // All operations but Init on one owned buffered stream.
@@ -77,6 +79,7 @@ public:
     void Seek(std::int64_t offset, std::int32_t origin) override;
     void Flush() override;
     void SetDurable() override { m_durable = true; }
+    void BeginEarly() override;
     bool IsLocal() override { return true; }
     void Read(void* buffer, std::uint32_t size) override;   // zero bytes are a failure
     void Write(const void* buffer, std::uint32_t size) override;  // zero bytes are a failure
@@ -87,7 +90,6 @@ protected:
 
     std::FILE* m_stream = nullptr;  // owned
     bool m_durable = false;
-    std::uint32_t m_unsent = 0;  // bytes written since the system was asked to begin with them
 };
 
 // Creates a new file, or truncates an old one.

@@ -66,6 +66,7 @@ using SubtitleFrame = AudioFrame;
 
 // No checkpoint has been made yet; also the failure value of CalcNextMoovPosition.
 inline constexpr std::uint64_t kNoMoovPosition = ~std::uint64_t{0};
+inline constexpr std::uint64_t kWriteBehind = 1 << 20;
 
 class CMp4Muxer {
 public:
@@ -119,6 +120,14 @@ private:
     void WriteFileHead();
     void FinishFile(std::int64_t& clock);  // `clock`: its last reading, moved on by each step
     void FlushLocal();
+    // Once for each kWriteBehind of data.
+    void WriteBehind()
+    {
+        if (m_dataPos < m_writeBehindPos)
+            return;
+        m_pFile->BeginEarly();
+        m_writeBehindPos = m_dataPos + kWriteBehind;
+    }
     void PrepareMoovBuffer();
     std::uint32_t FailCreate(std::uint32_t status);
 
@@ -162,6 +171,7 @@ private:
     std::wstring m_infoPath;  // empty unless asked for
     std::wstring m_path;
     std::uint64_t m_dataPos = 0;  // where the next sample goes
+    std::uint64_t m_writeBehindPos = kWriteBehind;  // where the system is next asked to begin early
     mp4_video_track_info m_videoInfo{};
     std::vector<std::uint8_t> m_foundSps;  // copies behind the pointers of m_videoInfo
     std::vector<std::uint8_t> m_foundPps;

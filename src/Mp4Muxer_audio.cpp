@@ -47,6 +47,7 @@ std::uint32_t CMp4Muxer::WriteAudioFrame(const AudioFrame& frame)
         return *failed;
     m_moov->AddAudioSample(m_dataPos, size, frame.timestamp);
     m_dataPos += size;
+    WriteBehind();
     return m_infoWriter.IsOpen() ? WriteInfoAudioFrame(size, frame.timestamp)
                                  : std::uint32_t{MP4_OK};
 }

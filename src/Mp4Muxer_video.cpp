@@ -53,6 +53,7 @@ std::uint32_t CMp4Muxer::WriteVideoFrame(const VideoFrame& frame)
                     m_moov->m_lastTrackId != track.m_trackId);
     m_moov->m_lastTrackId = track.m_trackId;
     m_dataPos += size;
+    WriteBehind();
     return m_infoWriter.IsOpen() ? WriteInfoVideoFrame(size, frame.pts, frame.dts, key)
                                  : std::uint32_t{MP4_OK};
 }

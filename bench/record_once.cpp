@@ -1,7 +1,7 @@
 // One recording in one process, for tools that look at a whole process: callgrind for instructions,
 // /usr/bin/time for memory. With "open" the process ends before the file is finished.
 //
-//   record_once library|lavf|fwrite hd|uhd|tiny VIDEO_FRAMES [open]
+//   record_once library|safe|info|both|lavf|fwrite hd|uhd|tiny VIDEO_FRAMES [open]
 #include "workload.h"
 
 #include <cstdio>
@@ -12,7 +12,8 @@
 int main(int argc, char** argv)
 {
     if (argc < 4) {
-        std::fprintf(stderr, "usage: record_once library|lavf|fwrite hd|uhd|tiny FRAMES [open]\n");
+        std::fprintf(stderr, "usage: record_once library|safe|info|both|lavf|fwrite "
+                             "hd|uhd|tiny FRAMES [open]\n");
         return 2;
     }
     try {

@@ -33,10 +33,11 @@ void Check(bool good, const char* what)
 
 class LibraryRecorder final : public Recorder {
 public:
-    LibraryRecorder(const Stream& stream, const std::string& path)
+    LibraryRecorder(const Stream& stream, const std::string& path, std::uint8_t flags)
     {
-        Check(mp4_create_file_adv_ex(path.c_str(), 0, 4096, 32, MP4_IO_FILE, nullptr, &m_file) ==
-                  MP4_OK, "create");
+        const std::uint32_t status = mp4_create_file_adv_ex(path.c_str(), flags, 4096, 32,
+                                                            MP4_IO_FILE, nullptr, &m_file);
+        Check(status == MP4_OK, "create");
         mp4_video_track_info video{};
         video.timescale = kVideoScale;
         video.codec = MP4_VIDEO_H264;
@@ -196,6 +197,12 @@ Way WayFromName(const std::string& name)
 {
     if (name == "library")
         return Way::kLibrary;
+    if (name == "safe")
+        return Way::kSafe;
+    if (name == "info")
+        return Way::kInfo;
+    if (name == "both")
+        return Way::kBoth;
     if (name == "lavf")
         return Way::kLavf;
     if (name == "fwrite")
@@ -206,7 +213,12 @@ Way WayFromName(const std::string& name)
 std::unique_ptr<Recorder> Open(Way way, const Stream& stream, const std::string& path)
 {
     switch (way) {
-    case Way::kLibrary: return std::make_unique<LibraryRecorder>(stream, path);
+    case Way::kLibrary: return std::make_unique<LibraryRecorder>(stream, path, 0);
+    case Way::kSafe: return std::make_unique<LibraryRecorder>(stream, path, MP4_OPEN_SAFE_MODE);
+    case Way::kInfo: return std::make_unique<LibraryRecorder>(stream, path, MP4_OPEN_INFO_FILE);
+    case Way::kBoth:
+        return std::make_unique<LibraryRecorder>(stream, path,
+                                                 MP4_OPEN_SAFE_MODE | MP4_OPEN_INFO_FILE);
     case Way::kLavf: return std::make_unique<LavfRecorder>(stream, path);
     case Way::kFwrite: break;
     }

@@ -1,4 +1,4 @@
-// The streams of the benchmarks and the three ways to record them: this library, FFmpeg's own MP4
+// The streams of the benchmarks and the ways to record them: this library, FFmpeg's own MP4
 // muxer and a bare fwrite of each frame. All three get the same frames in the same order.
 #pragma once
 
@@ -46,7 +46,8 @@ public:
     virtual void Close() = 0;
 };
 
-enum class Way { kLibrary, kLavf, kFwrite };
+// The library plain, in safe mode, with the info file and with both; the others.
+enum class Way { kLibrary, kSafe, kInfo, kBoth, kLavf, kFwrite };
 Way WayFromName(const std::string& name);
 
 std::unique_ptr<Recorder> Open(Way way, const Stream& stream, const std::string& path);

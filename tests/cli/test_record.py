@@ -13,6 +13,8 @@ import tempfile
 import time
 import unittest
 
+from programs import ffmpeg, run
+
 KVMP4 = os.path.abspath(sys.argv.pop(1))
 CHECK_FILE = os.path.abspath(sys.argv.pop(1))
 
@@ -25,17 +27,6 @@ VIDEO = {
 }
 FLAGS = {0: [], 1: ["--version1"], 2: ["--large-file"], 3: ["--version1", "--large-file"],
          0x20: ["--fast-header"], 0x23: ["--version1", "--large-file", "--fast-header"]}
-
-
-def run(*command, **options):
-    return subprocess.run(command, capture_output=True, text=True, stdin=subprocess.DEVNULL,
-                          timeout=120, **options)
-
-
-def ffmpeg(*arguments):
-    result = run("ffmpeg", "-v", "error", "-y", *arguments)
-    if result.returncode:
-        raise AssertionError(result.stderr)
 
 
 def decoded(path, kind):

@@ -9,23 +9,13 @@ import os
 import resource
 
 import struct
-import subprocess
 import sys
 import tempfile
 import unittest
 
+from programs import ffmpeg, run
+
 KVMP4 = os.path.abspath(sys.argv.pop(1))
-
-
-def run(*command, **options):
-    return subprocess.run(command, capture_output=True, text=True, stdin=subprocess.DEVNULL,
-                          timeout=120, **options)
-
-
-def ffmpeg(*arguments):
-    result = run("ffmpeg", "-v", "error", "-y", *arguments)
-    if result.returncode:
-        raise AssertionError(result.stderr)
 
 
 def decoded(path):

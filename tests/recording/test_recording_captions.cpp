@@ -1,4 +1,5 @@
 // Caption frames: what becomes a sample, when it counts as malformed, and what the tables say of it.
+#include "support/forms.h"
 #include "support/recording.h"
 #include "support/samples.h"
 
@@ -24,21 +25,6 @@ std::uint32_t Caption(Recording& rec, const Bytes& frame, std::uint64_t time = 0
 {
     return mp4_write_subtitle_frame(rec.Handle(), frame.data(),
                                     static_cast<std::uint32_t>(frame.size()), time);
-}
-
-// Every file kind and every flag that could touch a sample: where it lies and how it is found.
-struct Form {
-    const char* name;
-    std::uint8_t flags;
-};
-
-const Form kForms[] = {{"clip.mp4", 0x00}, {"clip.mp4", 0x02}, {"clip.mp4", 0x10},
-                       {"clip.mp4", 0x08}, {"clip.mp4", 0x23}, {"clip.mov", 0x00},
-                       {"clip.mov", 0x02}, {"clip.mov", 0x08}, {"clip.mov", 0x33}};
-
-std::string FormName(const testing::TestParamInfo<Form>& info)
-{
-    return std::string(info.param.name + 5) + "_" + std::to_string(info.param.flags);
 }
 
 // A recording of one form with a caption track.

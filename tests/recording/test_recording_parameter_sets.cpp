@@ -56,15 +56,6 @@ mp4_video_track_info H264Record(const Bytes& sps, const Bytes& pps)
     return info;
 }
 
-mp4_video_track_info HevcRecord()
-{
-    mp4_video_track_info info = H264Record(HevcSps(), HevcPps());
-    info.codec = MP4_VIDEO_HEVC;
-    info.vps = HevcVps().data();
-    info.vps_size = static_cast<std::int16_t>(HevcVps().size());
-    return info;
-}
-
 // What a close that fails prints.
 std::string FailedClose(Recording& rec)
 {

@@ -1,4 +1,5 @@
 // The time-code track: its one sample, its description, and what it takes from the video track.
+#include "support/forms.h"
 #include "support/recording.h"
 #include "support/samples.h"
 
@@ -26,20 +27,6 @@ std::uint32_t SetTimeCode(Recording& rec, std::uint32_t timescale = 30000,
 std::uint32_t TimeCode(Recording& rec, std::uint32_t value)
 {
     return mp4_write_time_code(rec.Handle(), value);
-}
-
-struct Form {
-    const char* name;
-    std::uint8_t flags;
-};
-
-const Form kForms[] = {{"clip.mp4", 0x00}, {"clip.mp4", 0x02}, {"clip.mp4", 0x10},
-                       {"clip.mp4", 0x08}, {"clip.mp4", 0x23}, {"clip.mov", 0x00},
-                       {"clip.mov", 0x02}, {"clip.mov", 0x08}, {"clip.mov", 0x33}};
-
-std::string FormName(const testing::TestParamInfo<Form>& info)
-{
-    return std::string(info.param.name + 5) + "_" + std::to_string(info.param.flags);
 }
 
 struct TimeCodeTrack : testing::TestWithParam<Form> {

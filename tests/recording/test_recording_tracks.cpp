@@ -20,22 +20,6 @@ constexpr char kDropped[] = "warning no codec data, drop frame";
 
 const Bytes kCode = Hex("00 00 01");
 
-// A record of HEVC with all its parameter sets.
-mp4_video_track_info Hevc()
-{
-    mp4_video_track_info info{};
-    info.codec = MP4_VIDEO_HEVC;
-    info.width = 160;
-    info.height = 120;
-    info.sps = HevcSps().data();
-    info.sps_size = static_cast<std::int16_t>(HevcSps().size());
-    info.pps = HevcPps().data();
-    info.pps_size = static_cast<std::int16_t>(HevcPps().size());
-    info.vps = HevcVps().data();
-    info.vps_size = static_cast<std::int16_t>(HevcVps().size());
-    return info;
-}
-
 std::uint32_t Id(const BoxFile& file, const std::string& track)
 {
     return file.U32(file.Find("moov/" + track + "/tkhd").begin + 20);
@@ -48,7 +32,7 @@ std::uint32_t Id(const BoxFile& file, const std::string& track)
 TEST(AnHevcRecord, WithAllThreeSetsIsComplete)
 {
     Recording rec;
-    const mp4_video_track_info info = Hevc();
+    const mp4_video_track_info info = HevcRecord();
     EXPECT_EQ(mp4_set_video_track(rec.Handle(), &info), 0u);
     EXPECT_FALSE(rec.Log().Has(kSearches));
     EXPECT_EQ(rec.Video(Unit(0x26), 0), 0u);
@@ -59,7 +43,7 @@ TEST(AnHevcRecord, WithoutAnyOfTheThreeSearchesTheStreamAndDropsFrames)
 {
     for (int missing = 0; missing < 3; ++missing) {
         Recording rec;
-        mp4_video_track_info info = Hevc();
+        mp4_video_track_info info = HevcRecord();
         (missing == 0 ? info.vps_size : missing == 1 ? info.sps_size : info.pps_size) = 0;
         EXPECT_EQ(mp4_set_video_track(rec.Handle(), &info), 0u);
         EXPECT_EQ(rec.Log().Count(kSearches), 1u);

@@ -185,10 +185,9 @@ std::uint32_t Recording::SetH264(std::uint32_t timescale, std::uint64_t sampleDu
     return mp4_set_video_track(m_handle, &info);
 }
 
-std::uint32_t Recording::SetHevc(std::uint32_t timescale)
+mp4_video_track_info HevcRecord()
 {
     mp4_video_track_info info{};
-    info.timescale = timescale;
     info.codec = MP4_VIDEO_HEVC;
     info.width = 160;
     info.height = 120;
@@ -198,6 +197,13 @@ std::uint32_t Recording::SetHevc(std::uint32_t timescale)
     info.pps_size = static_cast<std::int16_t>(HevcPps().size());
     info.vps = HevcVps().data();
     info.vps_size = static_cast<std::int16_t>(HevcVps().size());
+    return info;
+}
+
+std::uint32_t Recording::SetHevc(std::uint32_t timescale)
+{
+    mp4_video_track_info info = HevcRecord();
+    info.timescale = timescale;
     return mp4_set_video_track(m_handle, &info);
 }
 

@@ -68,6 +68,8 @@ const Bytes& Pps();
 const Bytes& HevcVps();
 const Bytes& HevcSps();
 const Bytes& HevcPps();
+// An HEVC record with all three, without a timescale.
+mp4_video_track_info HevcRecord();
 
 // An Annex B frame of one unit: start code, header byte, then `size` - 1 filler bytes.
 Bytes Unit(std::uint8_t header, std::size_t size = 10);

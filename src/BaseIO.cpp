@@ -76,13 +76,20 @@ bool IFileIOBase::Close()
 
 std::int64_t IFileIOBase::Tell()
 {
-    return m_stream ? platform::Tell(m_stream) : 0;
+    if (m_stream && m_position < 0)
+        m_position = platform::Tell(m_stream);
+    return m_stream ? m_position : 0;
 }
 
 void IFileIOBase::Seek(std::int64_t offset, std::int32_t origin)
 {
-    if (m_stream && platform::Seek(m_stream, offset, origin) != 0)
+    if (!m_stream)
+        return;
+    m_position = kUnknown;
+    if (platform::Seek(m_stream, offset, origin) != 0)
         FailSeek(errno);
+    if (origin == kSeekStart)
+        m_position = offset;
 }
 
 void IFileIOBase::Flush()
@@ -105,14 +112,20 @@ void IFileIOBase::BeginEarly()
 
 void IFileIOBase::Read(void* buffer, std::uint32_t size)
 {
-    if (platform::ReadItem(m_stream, buffer, size) != 1)
+    if (platform::ReadItem(m_stream, buffer, size) != 1) {
+        m_position = kUnknown;
         FailRead(errno);
+    }
+    m_position += size;
 }
 
 void IFileIOBase::Write(const void* buffer, std::uint32_t size)
 {
-    if (platform::WriteItem(m_stream, buffer, size) != 1)
+    if (platform::WriteItem(m_stream, buffer, size) != 1) {
+        m_position = kUnknown;
         FailWrite(errno);
+    }
+    m_position += size;
 }
 
 std::uint32_t IFileIOBase::Open(const wchar_t* path, const char* mode)
@@ -121,6 +134,7 @@ std::uint32_t IFileIOBase::Open(const wchar_t* path, const char* mode)
     m_stream = platform::OpenFile(path, mode);
     if (!m_stream)
         return ErrorFromErrno(errno);
+    m_position = 0;
     m_state = kStateOpen;
     return MP4_OK;
 }

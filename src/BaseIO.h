@@ -9,6 +9,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
+#include <limits>
 #include <list>
 #include <source_location>
 
@@ -88,7 +89,13 @@ protected:
     // Opens the stream; 0, or the status of errno, which is left as it was at the failure.
     std::uint32_t Open(const wchar_t* path, const char* mode);
 
+    // Of m_position: the stream must be asked. So far below 0 that no bytes moved lead out of it.
+    static constexpr std::int64_t kUnknown = std::numeric_limits<std::int64_t>::min();
+
     std::FILE* m_stream = nullptr;  // owned
+    // The stream's position, counted here: a frame path asks for it before every frame, and the
+    // stream answers at the price of a lock, and in update mode of a system call.
+    std::int64_t m_position = kUnknown;
     bool m_durable = false;
 };
 

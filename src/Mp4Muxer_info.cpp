@@ -26,6 +26,31 @@ void ParameterSet(CFieldWriter& f, const std::uint8_t* data, std::int16_t size)
         f.Bytes(data, static_cast<std::size_t>(size));
 }
 
+// The packet of a sample, which is short and written for every one: composed here, so that it costs
+// one write and not one a field.
+class CSamplePacket {
+public:
+    explicit CSamplePacket(InfoTag tag) { U8(static_cast<std::uint8_t>(tag)); }
+
+    void U8(std::uint8_t value) { m_bytes[m_size++] = value; }
+    void U32(std::uint32_t value) { BigEndian(value); }
+    void U64(std::uint64_t value) { BigEndian(value); }
+
+    void WriteTo(IBaseIO& target) const { CFieldWriter(target).Bytes(m_bytes, m_size); }
+
+private:
+    template <typename T>
+    void BigEndian(T value)
+    {
+        for (std::size_t i = 0; i < sizeof(T); ++i)
+            m_bytes[m_size + i] = static_cast<std::uint8_t>(value >> (8 * (sizeof(T) - 1 - i)));
+        m_size += sizeof(T);
+    }
+
+    std::uint8_t m_bytes[1 + 8 + 8 + 1 + 4];  // a video frame's, the longest
+    std::size_t m_size = 0;
+};
+
 }  // namespace
 
 template <typename Fields>
@@ -153,11 +178,12 @@ std::uint32_t CMp4Muxer::WriteInfoVideoFrame(std::uint32_t size, std::uint64_t p
                                              std::uint64_t dts, bool key)
 {
     const std::uint32_t status = WriteInfo([&](CFieldWriter& f) {
-        Tag(f, InfoTag::VideoFrame);
-        f.U64(pts);
-        f.U64(dts);
-        f.U8(key);
-        f.U32(size);
+        CSamplePacket packet(InfoTag::VideoFrame);
+        packet.U64(pts);
+        packet.U64(dts);
+        packet.U8(key);
+        packet.U32(size);
+        packet.WriteTo(f.Target());
     });
     if (status != MP4_OK || !m_infoWriter.IsOpen())
         return status;
@@ -175,18 +201,20 @@ std::uint32_t CMp4Muxer::WriteInfoVideoFrame(std::uint32_t size, std::uint64_t p
 std::uint32_t CMp4Muxer::WriteInfoAudioFrame(std::uint32_t size, std::uint64_t timestamp)
 {
     return WriteInfo([&](CFieldWriter& f) {
-        Tag(f, InfoTag::AudioFrame);
-        f.U64(timestamp);
-        f.U32(size);
+        CSamplePacket packet(InfoTag::AudioFrame);
+        packet.U64(timestamp);
+        packet.U32(size);
+        packet.WriteTo(f.Target());
     });
 }
 
 std::uint32_t CMp4Muxer::WriteInfoSubtitleFrame(std::uint32_t size, std::uint64_t timestamp)
 {
     return WriteInfo([&](CFieldWriter& f) {
-        Tag(f, InfoTag::SubtitleFrame);
-        f.U64(timestamp);
-        f.U32(size);
+        CSamplePacket packet(InfoTag::SubtitleFrame);
+        packet.U64(timestamp);
+        packet.U32(size);
+        packet.WriteTo(f.Target());
     });
 }
 

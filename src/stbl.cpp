@@ -39,6 +39,17 @@ void AppendPair(CBufferIO& table, std::uint32_t first, std::uint32_t second)
     table.Write(bytes, sizeof bytes);
 }
 
+void AppendTriple(CBufferIO& table, std::uint32_t first, std::uint32_t second, std::uint32_t third)
+{
+    if (!table.IsOpen())
+        return;
+    std::uint8_t bytes[12];
+    PutBE32(bytes, first);
+    PutBE32(bytes + 4, second);
+    PutBE32(bytes + 8, third);
+    table.Write(bytes, sizeof bytes);
+}
+
 // Differences of times are 32-bit.
 std::uint32_t Delta(std::uint64_t now, std::uint64_t before)
 {
@@ -153,23 +164,22 @@ std::uint32_t CMp4StszAtom::GetSize() const
 
 void CMp4StscAtom::AddSample(bool newChunk)
 {
-    if (newChunk)
+    if (newChunk) {
+        if (!m_chunks.empty() && m_chunks.back() != m_lastLength) {
+            m_lastLength = m_chunks.back();
+            ++m_fullEntries;
+        }
         m_chunks.push_back(1);
-    else if (!m_chunks.empty())
+    } else if (!m_chunks.empty()) {
         ++m_chunks.back();
+    }
     // Kept: a sample before the first chunk is not counted here, though its size is.
 }
 
 std::uint32_t CMp4StscAtom::CountEntries() const
 {
-    std::uint32_t entries = 0;
-    std::uint32_t previous = 0;
-    for (const std::uint32_t samples : m_chunks) {
-        if (samples != previous)
-            ++entries;
-        previous = samples;
-    }
-    return entries;
+    const bool lastDiffers = !m_chunks.empty() && m_chunks.back() != m_lastLength;
+    return m_fullEntries + (lastDiffers ? 1 : 0);
 }
 
 void CMp4StscAtom::Write()
@@ -188,8 +198,8 @@ void CMp4StscAtom::Write()
             continue;
         if (m_buffer.Size() + 12 > kBlockSize)
             m_buffer.Flush();
-        AppendPair(m_buffer, chunk, samples);  // first chunk, samples per chunk
-        Append32(m_buffer, 1);                 // sample description index
+        // First chunk, samples per chunk, sample description index.
+        AppendTriple(m_buffer, chunk, samples, 1);
         previous = samples;
     }
     m_buffer.Flush();

@@ -69,6 +69,10 @@ public:
 
 private:
     std::uint32_t CountEntries() const;
+
+    // Counted along, so that nobody who asks for the size of a long recording walks its chunks.
+    std::uint32_t m_fullEntries = 0;  // entries of all chunks but the last
+    std::uint32_t m_lastLength = 0;   // samples in each chunk of the last of them
 };
 
 class CMp4StcoAtom final : public CMp4Atom {

@@ -105,8 +105,9 @@ public:
     std::uint32_t SetSafeParam(const mp4_safe_param* params);
     std::uint32_t GetSafeParam(mp4_safe_param* params) const;
     // Ahead of `size` bytes of data: the next checkpoint when they could reach the moov in force.
-    // False when there is no place for it.
-    bool CheckSafeWrite(std::uint32_t size) { return !m_safeMode || KeepMoovAhead(size); }
+    // False when there is no place for it. Under m_lock, in one hold with the frame that follows: a
+    // lock of its own would be the better part of what safe mode costs between checkpoints.
+    bool CheckSafeWrite(std::uint32_t size);
     std::uint64_t CalcNextMoovPosition(std::int64_t position) const;
     // 4 when it changed the interval, 0 when it refused.
     std::uint32_t SetInfoFlushInterval(std::uint32_t interval);
@@ -133,7 +134,7 @@ private:
 
     // The status that keeps a call from working, or nothing.
     std::optional<std::uint32_t> Refusal() const;
-    bool KeepMoovAhead(std::uint32_t size);
+    bool MoveMoovAhead(std::int64_t position);  // the checkpoint
 
     bool GetVideoCodecData(const CVideoFrameParser& parser);
     std::uint32_t AnnounceVideoTrack(const mp4_video_track_info& info);

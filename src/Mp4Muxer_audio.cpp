@@ -14,6 +14,7 @@ std::uint32_t CMp4Muxer::WriteAudioFrame(const AudioFrame& frame)
         LOG_WARN("write audio frame with empty data");
         return MP4_OK;
     }
+    const CMAutoLock hold(m_lock);
     // Kept: its result is not looked at; it goes by the size with the header.
     CheckSafeWrite(frame.size);
 
@@ -39,7 +40,6 @@ std::uint32_t CMp4Muxer::WriteAudioFrame(const AudioFrame& frame)
     const std::uint8_t* const data = frame.data + skip;
     const std::uint32_t size = frame.size - skip;
 
-    const CMAutoLock hold(m_lock);
     const auto failed =
         Guarded([&] { CFieldWriter(*m_pFile).Bytes(data, size); },
                 [size] { LOG_ERROR("write buffer exception, buffer size {}", size); });

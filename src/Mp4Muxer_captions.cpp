@@ -22,9 +22,8 @@ std::uint32_t CMp4Muxer::WriteSubtitleFrame(const SubtitleFrame& frame)
 {
     if (const auto refused = Refusal())
         return *refused;
-    CheckSafeWrite(frame.size);  // Kept: the size of the input, and its result is not looked at
-
     const CMAutoLock hold(m_lock);
+    CheckSafeWrite(frame.size);  // Kept: the size of the input, and its result is not looked at
     if (m_subtitleCodec != MP4_SUBTITLE_CEA608 && m_subtitleCodec != MP4_SUBTITLE_CEA708) {
         LOG_ERROR("unknown subtitle codec type {}", m_subtitleCodec);
         return MP4_ERR_INVALID_SUBTITLE_CODEC;

@@ -51,9 +51,10 @@ std::uint64_t CMp4Muxer::CalcNextMoovPosition(std::int64_t position) const
     }
 }
 
-bool CMp4Muxer::KeepMoovAhead(std::uint32_t size)
+bool CMp4Muxer::CheckSafeWrite(std::uint32_t size)
 {
-    const CMAutoLock hold(m_lock);
+    if (!m_safeMode)
+        return true;
     const std::int64_t position = m_pFile->Tell();
     const std::uint64_t limit =
         m_nextMoovPos == kNoMoovPosition ? m_safeParam.min_interval : m_nextMoovPos;
@@ -62,6 +63,11 @@ bool CMp4Muxer::KeepMoovAhead(std::uint32_t size)
     const std::int64_t margin = static_cast<std::int32_t>(2 * size);
     if (static_cast<std::uint64_t>(position) + static_cast<std::uint64_t>(margin) <= limit)
         return true;
+    return MoveMoovAhead(position);
+}
+
+bool CMp4Muxer::MoveMoovAhead(std::int64_t position)
+{
     const std::uint64_t next = CalcNextMoovPosition(position);
     // Kept: an unknown strategy has no place to go, so that the data runs over the moov in force;
     // callers learn it from the log alone.

@@ -23,10 +23,9 @@ std::uint32_t CMp4Muxer::WriteVideoFrame(const VideoFrame& frame)
         LOG_ERROR("invalid video track!");
         return MP4_ERR_NO_VIDEO_TRACK;
     }
+    const CMAutoLock hold(m_lock);
     // Kept: its result is not looked at, and a frame that is dropped below counts as well.
     CheckSafeWrite(frame.size);
-
-    const CMAutoLock hold(m_lock);
     // Kept: a dropped frame is a success, so that a caller can feed an encoder's output from its
     // first frame on. Once ready, the stream is never looked at again.
     if (!m_videoReady && !GetVideoCodecData(parser)) {

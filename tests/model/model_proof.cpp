@@ -1,0 +1,216 @@
+// Runs made-up sequences of calls on the library and on the model, and compares all that a caller
+// can see. The first sequence that differs is cut down to a short one, printed, and ends the run.
+//
+//   model_proof [--sequences N] [--seed S] [--first K] [--jobs J] [--show] [--plant WHAT]
+//
+// --first K begins with the K-th sequence; --show prints the sequences; --plant makes the model lie
+// about one thing (status, line, print, sink, media, info or repair), to see that lies are found.
+#include "model/generate.h"
+#include "model/run.h"
+
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <string>
+#include <sys/wait.h>
+#include <unistd.h>
+#include <vector>
+
+namespace {
+
+using namespace model;
+
+struct Options {
+    uint64_t sequences = 2000;
+    uint64_t seed = 1;
+    uint64_t first = 0;
+    uint64_t jobs = 1;
+    bool show = false;
+    std::string plant;
+};
+
+class Prover {
+public:
+    Prover(const Options& options, std::FILE* report)
+        : m_options(options), m_report(report), m_folder(Parent())
+    {
+    }
+
+    // The sequences `begin`, `begin` + `jobs` ... Whether none differs.
+    bool Run(uint64_t begin)
+    {
+        for (uint64_t i = begin; i < m_options.first + m_options.sequences; i += m_options.jobs) {
+            const Sequence sequence = Generate((m_options.seed << 32) + i);
+            if (m_options.show) {
+                fmt::print(m_report, "sequence {}\n{}", i, Describe(sequence));
+            }
+            if (!Difference(sequence).empty()) {
+                Report(i, sequence);
+                return false;
+            }
+        }
+        return true;
+    }
+
+private:
+    static std::string Parent()
+    {
+        const char* temporary = std::getenv("TMPDIR");
+        return temporary != nullptr            ? temporary
+               : access("/dev/shm", W_OK) == 0 ? "/dev/shm"
+                                               : "/tmp";
+    }
+
+    std::string Difference(const Sequence& sequence)
+    {
+        Prediction prediction = Predict(sequence, m_folder);
+        Lie(prediction.result);
+        const Result shown = m_library.Run(sequence, prediction.planted, m_folder);
+        return Compare(prediction.result, shown, sequence);
+    }
+
+    void Lie(Result& result) const
+    {
+        const std::string& what = m_options.plant;
+        Observed& seen = result.recording;
+        const uint8_t wrong = 0xEE;
+        if (what == "status" && seen.outcomes.size() > 3) {
+            ++seen.outcomes[3].value;
+        } else if (what == "line" && seen.lines.size() > 4) {
+            seen.lines[4].level ^= 1;
+        } else if (what == "print" && !seen.printed.empty()) {
+            seen.printed += "!";
+        } else if (what == "sink" && seen.sinkCalls.size() > 4) {
+            ++seen.sinkCalls[4].argument;
+        } else if (what == "media" && seen.media && seen.media->Size() > 60) {
+            seen.media->Write(60, &wrong, 1);
+        } else if (what == "info" && seen.info && seen.info->size() > 9) {
+            (*seen.info)[9] ^= 1;
+        } else if (what == "repair" && result.repair && result.repair->media &&
+                   result.repair->media->Size() > 60) {
+            result.repair->media->Write(60, &wrong, 1);
+        }
+    }
+
+    // Leaves away whatever can be left away with a difference remaining.
+    Sequence Shrink(Sequence sequence)
+    {
+        const auto tryOne = [&](auto change) {
+            Sequence shorter = sequence;
+            change(shorter);
+            if (Difference(shorter).empty()) {
+                return false;
+            }
+            sequence = shorter;
+            return true;
+        };
+        tryOne([](Sequence& s) { s.repair.reset(); });
+        for (bool again = true; again;) {
+            again = false;
+            for (size_t i = sequence.steps.size(); i-- > 0;) {
+                if (sequence.steps[i].call == Call::Close) {
+                    continue;
+                }
+                again = tryOne([&](Sequence& s) {
+                            s.steps.erase(s.steps.begin() + static_cast<ptrdiff_t>(i));
+                        }) ||
+                        again;
+            }
+        }
+        for (uint32_t bit = 1; bit < 0x100; bit <<= 1) {
+            if ((sequence.opening.flags & bit) != 0) {
+                tryOne([&](Sequence& s) {
+                    s.opening.flags = static_cast<uint8_t>(s.opening.flags & ~bit);
+                });
+            }
+        }
+        tryOne([](Sequence& s) { s.opening.fault = Fault(); });
+        if (sequence.repair) {
+            tryOne([](Sequence& s) { s.repair->logFlips.clear(); });
+            tryOne([](Sequence& s) { s.repair->logCut = UINT64_MAX; });
+            tryOne([](Sequence& s) { s.repair->mediaCut = UINT64_MAX; });
+            tryOne([](Sequence& s) { s.repair->mediaTail = 0; });
+            tryOne([](Sequence& s) { s.repair->logTail.clear(); });
+            tryOne([](Sequence& s) { s.repair->runs = 1; });
+        }
+        return sequence;
+    }
+
+    void Report(uint64_t number, const Sequence& sequence)
+    {
+        const Sequence shortest = Shrink(sequence);
+        fmt::print(m_report, "sequence {} of seed {} differs: {}cut down to\n{}{}\n", number,
+                   m_options.seed, Difference(sequence), Describe(shortest), Difference(shortest));
+        std::fflush(m_report);
+    }
+
+    const Options& m_options;
+    std::FILE* m_report;
+    Folder m_folder;
+    Library m_library;
+};
+
+bool Parse(int argc, char** argv, Options& options)
+{
+    for (int i = 1; i < argc; ++i) {
+        const std::string name = argv[i];
+        uint64_t* number = name == "--sequences" ? &options.sequences
+                           : name == "--seed"    ? &options.seed
+                           : name == "--first"   ? &options.first
+                           : name == "--jobs"    ? &options.jobs
+                                                 : nullptr;
+        if (name == "--show") {
+            options.show = true;
+        } else if (name == "--plant" && i + 1 < argc) {
+            options.plant = argv[++i];
+        } else if (number != nullptr && i + 1 < argc) {
+            *number = std::strtoull(argv[++i], nullptr, 10);
+        } else {
+            return false;
+        }
+    }
+    return options.jobs != 0;
+}
+
+bool RunAll(const Options& options, std::FILE* report)
+{
+    if (options.jobs == 1) {
+        return Prover(options, report).Run(options.first);
+    }
+    for (uint64_t job = 0; job < options.jobs; ++job) {
+        if (fork() == 0) {
+            const bool same = Prover(options, report).Run(options.first + job);
+            std::fflush(report);
+            _exit(same ? 0 : 1);
+        }
+    }
+    bool same = true;
+    for (int status = 0; wait(&status) > 0;) {
+        same = same && WIFEXITED(status) && WEXITSTATUS(status) == 0;
+    }
+    return same;
+}
+
+}  // namespace
+
+int main(int argc, char** argv)
+{
+    Options options;
+    if (!Parse(argc, argv, options)) {
+        fmt::print(stderr, "usage: model_proof [--sequences N] [--seed S] [--first K] [--jobs J] "
+                           "[--show] [--plant WHAT]\n");
+        return 2;
+    }
+    std::FILE* report = fdopen(fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 0), "w");
+    const auto start = std::chrono::steady_clock::now();
+    const bool same = RunAll(options, report);
+    const std::chrono::duration<double> took = std::chrono::steady_clock::now() - start;
+    fmt::print(report, "{} sequences of seed {} from {} on, {:.0f} s, {:.0f} a second: {}\n",
+               options.sequences, options.seed, options.first, took.count(),
+               static_cast<double>(options.sequences) / took.count(),
+               same ? "no difference" : "a difference");
+    std::fclose(report);
+    return same ? 0 : 1;
+}

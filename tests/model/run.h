@@ -1,0 +1,64 @@
+// Running a sequence: on the model, which predicts, and on the library, which shows.
+#ifndef TESTS_MODEL_RUN_H
+#define TESTS_MODEL_RUN_H
+
+#include "model/muxer.h"
+#include "model/observed.h"
+#include "model/sequence.h"
+
+#include <memory>
+#include <optional>
+#include <string>
+
+namespace model {
+
+// The folder of the runs, with what sequences expect to find there.
+class Folder {
+public:
+    explicit Folder(const std::string& parent);
+    ~Folder();
+    Folder(const Folder&) = delete;
+    Folder& operator=(const Folder&) = delete;
+    Place Find(const std::string& path) const;
+
+private:
+    std::string m_root;
+};
+
+struct Result {
+    Observed recording;
+    std::optional<Observed> repair;
+};
+
+// What the repair finds.
+struct Planted {
+    std::optional<Image> media;
+    std::optional<Bytes> log;
+};
+
+struct Prediction {
+    Result result;
+    Planted planted;
+};
+Prediction Predict(const Sequence& sequence, const Folder& folder);
+
+// The library. One object for the process: it takes the logger and standard output.
+class Library {
+public:
+    Library();
+    ~Library();
+    Library(const Library&) = delete;
+    Library& operator=(const Library&) = delete;
+    Result Run(const Sequence& sequence, const Planted& planted, const Folder& folder);
+
+private:
+    struct Capture;
+    std::unique_ptr<Capture> m_capture;
+};
+
+// The first difference as text; empty when there is none.
+std::string Compare(const Result& expected, const Result& shown, const Sequence& sequence);
+
+}  // namespace model
+
+#endif

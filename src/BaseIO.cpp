@@ -22,37 +22,37 @@ std::uint32_t ErrorFromErrno(std::int32_t error)
     }
 }
 
-void IBaseIO::FailSeek(std::int32_t error, Where where)
+void IBaseIO::FailSeek(std::int32_t error, int line)
 {
     m_state = kStateFailed;
     m_errno = error;
-    PrintLine("BaseIO : Error - [line %d] Seek error %s !\n\n", static_cast<int>(where.line()),
+    PrintLine("BaseIO : Error - [line %d] Seek error %s !\n\n", line,
               std::strerror(error));
     throw kv_mp4_exception(error);
 }
 
-void IBaseIO::FailWrite(std::int32_t error, Where where)
+void IBaseIO::FailWrite(std::int32_t error, int line)
 {
     m_state = kStateFailed;
     m_errno = error;
-    PrintLine("BaseIO : Error - [line %d] Write error %s !\n\n", static_cast<int>(where.line()),
+    PrintLine("BaseIO : Error - [line %d] Write error %s !\n\n", line,
               std::strerror(error));
     throw kv_mp4_exception(error);
 }
 
-void IBaseIO::FailRead(std::int32_t error, Where where)
+void IBaseIO::FailRead(std::int32_t error, int line)
 {
     m_state = kStateFailed;
     m_errno = error;
-    PrintLine("[line %d] Read EOF !\n", static_cast<int>(where.line()));
+    PrintLine("[line %d] Read EOF !\n", line);
     throw kv_mp4_exception(error);
 }
 
-void IBaseIO::FailEndOfData(std::int32_t error, Where where)
+void IBaseIO::FailEndOfData(std::int32_t error, int line)
 {
     m_state = kStateFailed;
     m_errno = error;
-    PrintLine("[line %d] Read EOF !\n", static_cast<int>(where.line()));
+    PrintLine("[line %d] Read EOF !\n", line);
     // The code is this mark and not errno: it tells the end of a log from a real failure.
     throw kv_mp4_exception(kEndOfData);
 }

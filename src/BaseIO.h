@@ -11,7 +11,6 @@
 #include <cstring>
 #include <limits>
 #include <list>
-#include <source_location>
 
 // Values of IBaseIO::m_state.
 inline constexpr std::int32_t kStateOpen = -1;
@@ -46,14 +45,13 @@ public:
     std::int32_t m_errno = 0;  // errno at the failure that set m_state to kStateFailed
 
 protected:
-    using Where = std::source_location;
-
     // Set the state to failed, save the error, print the message, throw. `error` is errno, read by
-    // the caller straight after the failing call.
-    [[noreturn]] void FailSeek(std::int32_t error, Where where = Where::current());
-    [[noreturn]] void FailWrite(std::int32_t error, Where where = Where::current());
-    [[noreturn]] void FailRead(std::int32_t error, Where where = Where::current());
-    [[noreturn]] void FailEndOfData(std::int32_t error, Where where = Where::current());
+    // the caller straight after the failing call; the line is the caller's. Not
+    // std::source_location, which not every compiler has that can build this.
+    [[noreturn]] void FailSeek(std::int32_t error, int line = __builtin_LINE());
+    [[noreturn]] void FailWrite(std::int32_t error, int line = __builtin_LINE());
+    [[noreturn]] void FailRead(std::int32_t error, int line = __builtin_LINE());
+    [[noreturn]] void FailEndOfData(std::int32_t error, int line = __builtin_LINE());
 };
 
 class IFileIO : public IBaseIO {

@@ -5,7 +5,6 @@
 #include "log.h"
 
 #include <cerrno>
-#include <source_location>
 
 #define UNIT "src/Mp4Repair"
 
@@ -16,9 +15,9 @@ constexpr std::uint32_t kTimeCodeSize = 4;  // bytes
 // Ends the log at a packet that makes no sense. `error` is errno, read before anything is printed;
 // no system call has failed here, so it says little.
 [[noreturn]] void FailPacket(std::int32_t error,
-                             std::source_location where = std::source_location::current())
+                             int line = __builtin_LINE())
 {
-    PrintLine("[line %d] Read EOF !\n", static_cast<int>(where.line()));
+    PrintLine("[line %d] Read EOF !\n", line);
     throw kv_mp4_exception(error);
 }
 

@@ -1,0 +1,49 @@
+// ADTS streams: which bytes become samples, counted beside.
+#include "fuzz.h"
+
+#include <fuzzer/FuzzedDataProvider.h>
+
+namespace {
+
+bool LooksLikeAdts(const fuzz::Bytes& frame)
+{
+    return frame.size() >= 8 && frame[0] == 0xFF && (frame[1] & 0xF0) == 0xF0;
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size)
+{
+    fuzz::Silence();
+    FuzzedDataProvider input(data, size);
+    const auto flags = input.ConsumeIntegral<std::uint8_t>();
+    fuzz::Sink sink;
+    mp4_handle file = nullptr;
+    FUZZ_CHECK(mp4_create_file_adv_ex(flags & 1 ? "a.mov" : "a.mp4", flags & 2, 0, 0,
+                                      MP4_IO_EXTERNAL, sink.Table(), &file) == MP4_OK);
+    const std::size_t head = sink.Data().size();
+    mp4_audio_track_info info{};
+    info.codec = MP4_AUDIO_AAC_ADTS;
+    FUZZ_CHECK(mp4_set_audio_track(file, &info) == MP4_OK);
+    bool ready = false;
+    std::size_t payload = 0;
+    for (std::uint64_t time = 0; input.remaining_bytes() > 0; time += 1024) {
+        const auto length = input.ConsumeIntegral<std::uint8_t>();
+        const auto frame = input.ConsumeBytes<std::uint8_t>(length);
+        const std::uint32_t status = mp4_write_audio_frame(
+            file, frame.data(), static_cast<std::uint32_t>(frame.size()), time);
+        if (frame.empty()) {
+            FUZZ_CHECK(status == MP4_OK);
+            continue;
+        }
+        const bool adts = LooksLikeAdts(frame);
+        FUZZ_CHECK(status == (adts || ready ? MP4_OK : MP4_ERR_INVALID_ADTS));
+        ready |= adts;
+        if (ready)
+            payload += frame.size() - (adts ? 7 : 0);
+        FUZZ_CHECK(sink.Data().size() == head + payload);
+    }
+    FUZZ_CHECK(mp4_close_file(file) == MP4_OK);
+    fuzz::CheckOuterBoxes(sink.Data());
+    return 0;
+}

@@ -18,6 +18,9 @@ enum ExitCode {
     kExitNotALog = 9,  // it is something else
     kExitRefused = 10,  // a repair would leave less than there is
     kExitPartly = 11,   // repaired up to a damage in the log
+    kExitErrors = 12,    // verify found errors
+    kExitWarnings = 13,  // verify found nothing worse than warnings
+    kExitNotAMovie = 14,  // neither an MP4 nor a MOV file
 };
 
 class Failure : public std::runtime_error {

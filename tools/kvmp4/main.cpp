@@ -1,6 +1,7 @@
 #include "failure.h"
 #include "record.h"
 #include "repair.h"
+#include "verify.h"
 
 #include <CLI/CLI.hpp>
 #include <fmt/core.h>
@@ -77,6 +78,19 @@ files are copied first, to FILE.bak and FILE.bak.info.
 Exit codes: 0 repaired, or nothing speaks against it (--dry-run); 1 other; 2 usage; 3 the file cannot
 be opened; 5 the backup cannot be made; 6 a write failed; 7 there is no log; 8 the log cannot be read;
 9 it is not a log; 10 refused; 11 the log is damaged, and what came before the damage is repaired.)";
+
+constexpr char kVerifyHelp[] = R"(
+Judges the structure of an MP4 or MOV file, whoever wrote it: the sizes and the nesting of its boxes,
+its tables against each other, the place of every sample, times against durations, parameter sets
+against the boxes that describe them, and the form of the samples' bytes. Each finding tells how grave
+it is, its kind (docs/verify.md lists them all), the box, the place in the file, what is there and
+what should be. Nothing is decoded and nothing changed.
+
+Notes are about what is unusual and meant to be so; they appear with --verbose and in JSON, and
+change no verdict.
+
+Exit codes: 0 sound; 12 errors; 13 nothing worse than warnings; 2 usage; 3 the file cannot be opened
+or read; 14 it is neither an MP4 nor a MOV file.)";
 
 void OnSignal(int)
 {
@@ -161,6 +175,14 @@ int main(int argc, char** argv)
     repair->add_flag("--json", repairOptions.json, "Report on standard output as JSON");
     repair->add_flag("-v,--verbose", repairOptions.verbose, "Show the logs");
 
+    VerifyOptions verifyOptions;
+    CLI::App* verify = app.add_subcommand("verify", "Judge the structure of an MP4 or MOV file");
+    verify->footer(kVerifyHelp);
+    verify->add_option("file", verifyOptions.file, "The file")->required();
+    verify->add_flag("--tables-only", verifyOptions.tablesOnly, "Do not read the samples' bytes");
+    verify->add_flag("--json", verifyOptions.json, "Report as JSON");
+    verify->add_flag("-v,--verbose", verifyOptions.verbose, "Tell what is unusual, too");
+
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {
@@ -184,6 +206,8 @@ int main(int argc, char** argv)
     try {
         if (repair->parsed())
             return Repair(repairOptions);
+        if (verify->parsed())
+            return Verify(verifyOptions);
         Record(options);
     } catch (const Failure& failure) {
         return Fail(failure.code, failure.what());

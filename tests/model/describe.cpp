@@ -110,6 +110,7 @@ std::string Describe(const Repair& repair)
                     repair.multibyte ? "_ex" : "", repair.option, repair.error, repair.runs);
     text += repair.noMedia ? " no media" : "";
     text += repair.noLog ? " no log" : "";
+    text += repair.madeUpLog ? " log " + Hex(*repair.madeUpLog) : "";
     if (repair.logCut != UINT64_MAX) {
         text += fmt::format(" log cut {}", repair.logCut);
     }

@@ -42,7 +42,10 @@ public:
                 sequence.steps.push_back(Make(call));
             }
         }
-        const uint32_t count = m_random.Spread32(m_random.Chance(90) ? 5 : 7);
+        uint32_t count = m_random.Spread32(m_random.Chance(90) ? 5 : 7);
+        if (m_random.Below(500) == 0) {
+            count = m_random.Spread32(12);
+        }
         for (uint32_t i = 0; i < count; ++i) {
             sequence.steps.push_back(Make(AnyCall()));
         }
@@ -132,6 +135,9 @@ Repair Maker::MakeRepair()
     repair.error = Error();
     repair.noMedia = m_random.Chance(2);
     repair.noLog = m_random.Chance(2);
+    if (m_random.Chance(30)) {
+        repair.madeUpLog = MadeUpLog(m_random);
+    }
     repair.runs = m_random.Chance(80) ? 1 : 2;
     if (m_random.Chance(40)) {
         repair.logCut = m_random.Next();

@@ -252,6 +252,9 @@ void Damage(Planted& planted, const Repair& repair)
             planted.media->Write(planted.media->Size(), tail.data(), tail.size());
         }
     }
+    if (repair.madeUpLog) {
+        planted.log = repair.madeUpLog;
+    }
     if (repair.noLog) {
         planted.log.reset();
     }

@@ -43,21 +43,14 @@ void Repairer::Damaged()
     throw IoFailure{m_journal.error};
 }
 
-// A blob; without an address when its buffer was never sized.
+// A blob; one of no bytes has no address.
 ParameterSet Repairer::Set()
 {
     const uint32_t size = static_cast<uint32_t>(Number(4));
-    bool sized = false;
-    if (!m_idle.empty()) {
-        sized = m_idle.back();
-        m_idle.pop_back();
-    }
-    m_inUse.push_back(sized || size != 0);
     ParameterSet set;
     set.size = static_cast<int16_t>(size);
-    Bytes bytes = Take(size);
-    if (m_inUse.back()) {
-        set.bytes = std::move(bytes);
+    if (size != 0) {
+        set.bytes = Take(size);
     }
     return set;
 }
@@ -181,9 +174,6 @@ void Repairer::Packet()
         break;
     default: m_journal.Error(kUnit, fmt::format("unknown packet type {}", tag)); Damaged();
     }
-    // The buffers go back from the last one to the first, and the last to come is the first to go.
-    m_idle.insert(m_idle.end(), m_inUse.rbegin(), m_inUse.rend());
-    m_inUse.clear();
 }
 
 void Repairer::Index()

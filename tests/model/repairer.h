@@ -46,9 +46,6 @@ private:
     bool m_quickTime = false, m_large = false;
     uint64_t m_mdat = 0, m_next = 0, m_mediaBytes = 0, m_end = 0;
     bool m_videoSeen = false, m_audioSeen = false;
-    // Whether the buffers in which packets keep their blobs were ever sized: those at rest, the
-    // next one last, and those of the packet in hand.
-    std::vector<bool> m_idle, m_inUse;
 };
 
 }  // namespace model

@@ -95,6 +95,7 @@ struct Repair {
     int error = 0;
     bool noMedia = false;
     bool noLog = false;
+    std::optional<Bytes> madeUpLog;                      // instead of the recording's
     uint64_t logCut = UINT64_MAX;                        // modulo the log's length + 1
     std::vector<std::pair<uint64_t, uint8_t>> logFlips;  // position modulo the length, bits
     Bytes logTail;                                       // appended

@@ -63,13 +63,38 @@ ParameterSet Given(Random& random, Bytes bytes)
     return set;
 }
 
+// Of tens of kilobytes, with zeros and ones strewn in.
+Bytes LongUnit(Random& random, uint32_t codec, uint32_t type)
+{
+    Bytes unit = random.Some(random.Pick({16384u, 32760u, 65530u, 65536u}) + random.Below(1000));
+    for (uint8_t& byte : unit) {
+        byte = byte < 40 ? byte % 3 : byte;
+    }
+    for (uint32_t i = random.Below(20); i > 0; --i) {
+        const size_t at = random.Below(unit.size() - 80);
+        const size_t near = random.Chance(50) ? at : at / 64 * 64 + random.Below(8);
+        const Bytes code = {0, 0, 0, 1};
+        std::copy(code.begin() + random.Below(3), code.end(),
+                  unit.begin() + static_cast<ptrdiff_t>(near));
+    }
+    unit[0] = static_cast<uint8_t>(codec == 0 ? 0x60 | type : type << 1);
+    return unit;
+}
+
 Bytes Unit(Random& random, uint32_t codec, uint32_t type)
 {
+    const bool isSet = codec == 0 ? type == 7 || type == 8 : type >= 32 && type <= 34;
+    if (isSet && random.Below(300) == 0) {
+        return LongUnit(random, codec, type);
+    }
     if (codec == 0 && (type == 7 || type == 8)) {
         return AvcSet(random, type == 7);
     }
     if (codec == 1 && type >= 32 && type <= 34) {
         return HevcSet(random, type);
+    }
+    if (random.Below(400) == 0) {
+        return LongUnit(random, codec, type);
     }
     Bytes unit = random.Some(1 + random.Spread32(random.Chance(95) ? 7 : 12));
     unit[0] = static_cast<uint8_t>(codec == 0 ? (unit[0] & 0xE0) | type : type << 1);

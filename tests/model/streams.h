@@ -18,6 +18,9 @@ Bytes VideoFrame(Random& random, uint32_t codec);
 Bytes AudioFrame(Random& random, bool adts);
 Bytes CaptionFrame(Random& random, uint32_t codec);
 
+// An info file that no recording wrote.
+Bytes MadeUpLog(Random& random);
+
 }  // namespace model
 
 #endif

@@ -159,6 +159,26 @@ std::string CompareSinks(const Observed& expected, const Observed& shown)
     return "";
 }
 
+std::string CompareCheckpoints(const Observed& expected, const Observed& shown)
+{
+    for (size_t i = 0; i < expected.checkpoints.size(); ++i) {
+        Checkpoint point = expected.checkpoints[i];
+        const Image& disk = shown.checkpoints[i].image;
+        const uint64_t end = std::min(point.end, disk.Size());
+        if (point.begin < end) {
+            const Bytes own = disk.Read(point.begin, static_cast<size_t>(end - point.begin));
+            point.image.Write(point.begin, own.data(), own.size());
+        }
+        const std::string text = CompareImages(
+            fmt::format("the disk after the checkpoint of call {}", point.call).c_str(),
+            point.image, disk);
+        if (!text.empty()) {
+            return text;
+        }
+    }
+    return "";
+}
+
 std::string CompareObserved(const Observed& expected, const Observed& shown,
                             const std::vector<std::string>& calls)
 {
@@ -166,6 +186,9 @@ std::string CompareObserved(const Observed& expected, const Observed& shown,
     if (text.empty() && expected.printed != shown.printed) {
         text = fmt::format("printed:\n--- expected\n{}--- shows\n{}---\n", expected.printed,
                            shown.printed);
+    }
+    if (text.empty()) {
+        text = CompareCheckpoints(expected, shown);
     }
     if (text.empty()) {
         text = CompareSinks(expected, shown);

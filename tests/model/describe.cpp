@@ -78,6 +78,9 @@ std::string Describe(const Opening& opening)
     std::string text =
         fmt::format("{} {} flags {:#04x} io_mode {}", kNames[static_cast<size_t>(opening.create)],
                     opening.nullPath ? "null" : opening.path, opening.flags, opening.ioMode);
+    if (opening.stale) {
+        text += " over older files";
+    }
     if (!opening.table) {
         text += " no table";
     }

@@ -52,6 +52,10 @@ Place Folder::Find(const std::string& path) const
         place.path = LongFolder(m_root) + "/";
         place.path.resize(std::stoul(path.substr(4)), 'z');
     }
+    place.given = place.path;
+    if (path == "CUT") {
+        place.given = place.path + "\xFF.mov";
+    }
     place.length = Characters(place.path);
     if (path == "none/clip.mp4") {
         place.openError = place.infoOpenError = ENOENT;

@@ -70,7 +70,10 @@ private:
     void MakeMetadata(Step& step);
     uint64_t Time(uint64_t& clock);
     uint32_t Timescale();
-    int Error() { return m_random.Chance(70) ? 0 : m_random.Pick(kErrors); }
+    int Error()
+    {
+        return m_random.Chance(70) ? 0 : m_random.Chance(5) ? 1000 : m_random.Pick(kErrors);
+    }
 
     Random m_random;
     uint32_t m_videoCodec = m_random.Pick({0u, 0u, 1u, 1u, 2u});
@@ -98,7 +101,7 @@ Opening Maker::MakeOpening()
     if (m_random.Chance(12)) {
         opening.path = m_random.Pick({"movies/clip.mp4", "CLIP.MOV", "clip", "caf\xC3\xA9.mp4",
                                       "none/clip.mp4", "folder", "folderlog.mp4", "LONG1018",
-                                      "LONG1019", "LONG1022", "LONG1023", "a.mov.mp4"});
+                                      "LONG1019", "LONG1022", "LONG1023", "a.mov.mp4", "CUT"});
     }
     opening.ioMode = m_random.Pick({0u, 2u, 2u});
     opening.create = m_random.Pick({Create::Adv, Create::AdvMultibyte});
@@ -116,6 +119,7 @@ Opening Maker::MakeOpening()
     if (opening.create == Create::Front || opening.create == Create::FrontWide) {
         opening.flags = 0x12;
     }
+    opening.stale = m_random.Chance(5);
     opening.nullPath = m_random.Chance(1);
     opening.nullOut = m_random.Chance(1);
     if (opening.ioMode == 2 && m_random.Chance(30)) {

@@ -24,6 +24,8 @@ namespace {
 // The sink behind the callbacks, which get no pointer of the caller's before the open.
 struct Sink {
     Observed* seen = nullptr;
+    std::wstring path;
+    uint32_t blockSize = 0, blockCount = 0;
     Fault fault;
     bool failed = false;
     uint64_t position = 0;
@@ -46,10 +48,12 @@ Sink& Of(void* context)
     return *static_cast<Sink*>(context);
 }
 
-uint8_t OpenSink(void** context, const wchar_t*, uint32_t, uint32_t)
+uint8_t OpenSink(void** context, const wchar_t* path, uint32_t blockSize, uint32_t blockCount)
 {
     *context = g_sink;
-    g_sink->Note(SinkCall::Kind::Open, 0);
+    const bool asGiven =
+        g_sink->path == path && g_sink->blockSize == blockSize && g_sink->blockCount == blockCount;
+    g_sink->Note(SinkCall::Kind::Open, asGiven ? 1 : 0);
     return g_sink->fault.refuseOpen ? 0 : 1;
 }
 
@@ -171,8 +175,9 @@ bool IsFile(const std::string& path)
 // One recording through the exports.
 class Session {
 public:
-    Session(const Sequence& sequence, const Place& place, Observed& seen, LogSink& log)
-        : m_sequence(sequence), m_place(place), m_seen(seen), m_log(log)
+    Session(const Sequence& sequence, const Place& place, const Observed& expected, Observed& seen,
+            LogSink& log)
+        : m_sequence(sequence), m_place(place), m_expected(expected), m_seen(seen), m_log(log)
     {
     }
     void Run();
@@ -193,6 +198,7 @@ private:
 
     const Sequence& m_sequence;
     const Place& m_place;
+    const Observed& m_expected;  // when to look at the disk
     Observed& m_seen;
     LogSink& m_log;
     Sink m_sink;
@@ -216,6 +222,11 @@ void Session::Guard(int error, F call)
     }
     outcome.lines = m_seen.lines.size();
     outcome.infoSize = InfoSize();
+    const size_t known = m_seen.checkpoints.size();
+    if (known < m_expected.checkpoints.size() &&
+        m_expected.checkpoints[known].call == m_seen.outcomes.size()) {
+        m_seen.checkpoints.push_back({m_seen.outcomes.size(), *Image::Load(m_place.path), 0, 0});
+    }
     m_seen.outcomes.push_back(outcome);
 }
 
@@ -224,11 +235,14 @@ void Session::Open()
     const Opening& opening = m_sequence.opening;
     const std::wstring wide = Wide(m_place.path);
     const wchar_t* widePath = opening.nullPath ? nullptr : wide.c_str();
-    const char* path = opening.nullPath ? nullptr : m_place.path.c_str();
+    const char* path = opening.nullPath ? nullptr : m_place.given.c_str();
     ExternalIoFuncs* table = opening.table ? &g_table : nullptr;
     mp4_handle* out = opening.nullOut ? nullptr : &m_handle;
     m_sink.seen = &m_seen;
     m_sink.fault = opening.fault;
+    m_sink.path = wide;
+    m_sink.blockSize = opening.blockSize;
+    m_sink.blockCount = opening.blockCount;
     g_sink = &m_sink;
     Guard(0, [&](Outcome&) -> uint64_t {
         switch (opening.create) {
@@ -489,17 +503,22 @@ Library::~Library()
     m_capture->log->m_seen = nullptr;
 }
 
-Result Library::Run(const Sequence& sequence, const Planted& planted, const Folder& folder)
+Result Library::Run(const Sequence& sequence, const Prediction& prediction, const Folder& folder)
 {
     const Place place = folder.Find(sequence.opening.path);
+    const Planted& planted = prediction.planted;
     const std::string info = place.path + ".info";
     unlink(place.path.c_str());
     unlink(info.c_str());
+    if (sequence.opening.stale && place.CanHoldFiles()) {
+        Save(place.path, kStale);
+        Save(info, kStale);
+    }
     Result result;
     m_capture->log->m_seen = &result.recording;
-    Session(sequence, place, result.recording, *m_capture->log).Run();
+    Session(sequence, place, prediction.result.recording, result.recording, *m_capture->log).Run();
     result.recording.printed = m_capture->TakeOutput();
-    if (!sequence.repair || place.openError != 0 || place.infoOpenError != 0) {
+    if (!sequence.repair || !place.CanHoldFiles()) {
         return result;
     }
 
@@ -519,7 +538,7 @@ Result Library::Run(const Sequence& sequence, const Planted& planted, const Fold
         Outcome outcome;
         errno = repair.error;
         if (repair.multibyte) {
-            outcome.value = (repair.front ? kv_mp4_repair : mp4_repair_file_ex)(place.path.c_str(),
+            outcome.value = (repair.front ? kv_mp4_repair : mp4_repair_file_ex)(place.given.c_str(),
                                                                                 repair.option);
         } else {
             outcome.value =

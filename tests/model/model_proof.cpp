@@ -67,7 +67,7 @@ private:
     {
         Prediction prediction = Predict(sequence, m_folder);
         Lie(prediction.result);
-        const Result shown = m_library.Run(sequence, prediction.planted, m_folder);
+        const Result shown = m_library.Run(sequence, prediction, m_folder);
         return Compare(prediction.result, shown, sequence);
     }
 

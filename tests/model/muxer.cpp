@@ -32,7 +32,7 @@ uint32_t Muxer::MakeFile(const Opening& opening, const Place& place)
             return 4;
         }
         if (opening.fault.refuseOpen) {
-            m_journal.seen->sinkCalls.push_back({SinkCall::Kind::Open, 0, 0});
+            m_journal.seen->sinkCalls.push_back({SinkCall::Kind::Open, 1, 0});
             m_journal.Error(kUnit, "init external writer failed");
             return 4;
         }
@@ -250,6 +250,9 @@ void Muxer::CheckSafe(uint32_t size)
     m_file->Flush();
     PutMdatSize(*next);
     m_file->Flush();
+    if (!m_external) {
+        m_checkpoint.emplace(m_file->m_image, position);
+    }
 }
 
 }  // namespace model

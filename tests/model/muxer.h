@@ -14,8 +14,10 @@ namespace model {
 
 // What the model must know of the folder of the run.
 struct Place {
-    std::string path;       // as handed to the library, in UTF-8
-    size_t length = 0;      // in characters
+    std::string path;   // of the media file, in UTF-8
+    std::string given;  // as multibyte text, which may go on where it is not valid
+    size_t length = 0;  // in characters
+    bool CanHoldFiles() const { return openError == 0 && infoOpenError == 0 && length <= 1018; }
     int openError = 0;      // errno of opening it for writing
     int infoOpenError = 0;  // and of path + ".info"
 };
@@ -50,6 +52,8 @@ public:
     bool m_logMade = false;  // the file was created
     bool m_logLeft = false;  // and stands on the disk
     const FileTarget* File() const { return m_file.get(); }
+    // What a checkpoint of this call has left, and where the call's own data begin.
+    std::optional<std::pair<Image, uint64_t>> m_checkpoint;
     std::optional<Image> m_media;  // what lies at the path, or in the sink, after the close
 
 private:

@@ -32,9 +32,16 @@ struct LogLine {
 struct SinkCall {
     enum class Kind : uint8_t { Open, Write, Seek, Flush, Close };
     Kind kind = Kind::Open;
-    uint64_t argument = 0;  // Seek: the position
+    uint64_t argument = 0;  // Seek: the position; Open: 1 if it got what the caller gave
     uint64_t stream = 0;    // bytes handed over before this call
     bool operator==(const SinkCall&) const = default;
+};
+
+// The file on the disk behind a checkpoint. What the call itself wrote may still be on its way.
+struct Checkpoint {
+    size_t call = 0;
+    Image image;
+    uint64_t begin = 0, end = 0;  // of the call's own data
 };
 
 struct SinkWrite {
@@ -46,9 +53,10 @@ struct Observed {
     std::vector<Outcome> outcomes;
     std::vector<LogLine> lines;
     std::string printed;
-    std::optional<Image> media;  // the file, or what the caller's sink holds
-    std::optional<Bytes> info;   // the info file as it was written, also when it is deleted
-    bool infoIsLeft = false;     // it stands on the disk at the end
+    std::vector<Checkpoint> checkpoints;  // local files
+    std::optional<Image> media;           // the file, or what the caller's sink holds
+    std::optional<Bytes> info;  // the info file as it was written, also when it is deleted
+    bool infoIsLeft = false;    // it stands on the disk at the end
     std::vector<SinkCall> sinkCalls;
     Bytes sinkStream;                   // all bytes handed to the caller's sink, in order
     std::vector<SinkWrite> sinkWrites;  // library: every write; model: those that must be one write

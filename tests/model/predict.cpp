@@ -3,6 +3,7 @@
 #include "model/run.h"
 
 #include <bit>
+#include <cerrno>
 #include <cmath>
 
 namespace model {
@@ -55,6 +56,12 @@ void Caller::Guard(Outcome& outcome, F call)
     }
     outcome.lines = m_seen.lines.size();
     outcome.infoSize = m_muxer.m_logOnDisk != onDisk ? m_muxer.m_logOnDisk : 0;
+    if (m_muxer.m_checkpoint && m_muxer.File() != nullptr) {
+        auto& [image, position] = *m_muxer.m_checkpoint;
+        m_seen.checkpoints.push_back(
+            {m_seen.outcomes.size(), std::move(image), position, m_muxer.File()->Tell()});
+    }
+    m_muxer.m_checkpoint.reset();
     m_seen.outcomes.push_back(outcome);
 }
 
@@ -66,9 +73,16 @@ uint32_t Caller::Open()
     if (opening.nullPath || (opening.nullOut && !front)) {
         return 4;
     }
+    if (measured && m_place.given != m_place.path) {
+        m_journal.Error(kUnit, "wcstombs failed");
+        return 1;
+    }
     if (measured && m_place.length >= 1023) {
         m_journal.Error(kUnit, "file path reach the max path size 1024");
         return 1;
+    }
+    if (opening.create == Create::AdvMultibyte && m_place.given != m_place.path) {
+        m_journal.error = EILSEQ;  // of the conversion, whose result is not looked at
     }
     const uint32_t status = m_muxer.Create(opening, m_place);
     if (status == 0) {
@@ -106,6 +120,15 @@ void Caller::Run(Planted& planted)
         m_seen.info = m_muxer.m_log;
     }
     m_seen.infoIsLeft = m_muxer.m_logLeft;
+    if (opening.stale && m_place.CanHoldFiles()) {
+        if (!m_seen.media && opening.ioMode != 2) {
+            m_seen.media.emplace().Write(0, kStale.data(), kStale.size());
+        }
+        if (!m_muxer.m_logMade) {
+            m_seen.info = kStale;
+            m_seen.infoIsLeft = true;
+        }
+    }
 }
 
 void Caller::Do(const Step& step, Outcome& outcome)
@@ -279,7 +302,7 @@ Prediction Predict(const Sequence& sequence, const Folder& folder)
     Prediction prediction;
     Caller(sequence, folder, prediction.result.recording).Run(prediction.planted);
     const Place place = folder.Find(sequence.opening.path);
-    if (!sequence.repair || place.openError != 0 || place.infoOpenError != 0) {
+    if (!sequence.repair || !place.CanHoldFiles()) {
         return prediction;
     }
     const Repair& repair = *sequence.repair;
@@ -290,6 +313,7 @@ Prediction Predict(const Sequence& sequence, const Folder& folder)
     seen.media = planted.media;
     seen.info = planted.log;
     for (uint32_t i = 0; i < repair.runs; ++i) {
+        journal.error = repair.multibyte && place.given != place.path ? EILSEQ : repair.error;
         Repairer repairer(journal, seen.media, seen.info);
         Outcome outcome;
         outcome.value = repairer.Run(place, repair.option);

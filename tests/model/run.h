@@ -30,6 +30,9 @@ struct Result {
     std::optional<Observed> repair;
 };
 
+// What stands in both files before a recording over older ones.
+inline const Bytes kStale(100, 0x5A);
+
 // What the repair finds.
 struct Planted {
     std::optional<Image> media;
@@ -49,7 +52,7 @@ public:
     ~Library();
     Library(const Library&) = delete;
     Library& operator=(const Library&) = delete;
-    Result Run(const Sequence& sequence, const Planted& planted, const Folder& folder);
+    Result Run(const Sequence& sequence, const Prediction& prediction, const Folder& folder);
 
 private:
     struct Capture;

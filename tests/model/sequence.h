@@ -56,6 +56,7 @@ struct Opening {
     bool table = true;  // external mode: a table is given
     bool nullPath = false;
     bool nullOut = false;
+    bool stale = false;  // both files exist already
     Fault fault;
 };
 

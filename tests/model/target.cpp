@@ -38,7 +38,7 @@ FileTarget::FileTarget(Journal& journal, Image image, bool external, const Fault
     : Target(journal), m_image(std::move(image)), m_external(external), m_fault(fault)
 {
     m_state = State::Open;
-    Note(SinkCall::Kind::Open, 0);
+    Note(SinkCall::Kind::Open, 1);
 }
 
 void FileTarget::Note(SinkCall::Kind kind, uint64_t argument)

@@ -101,7 +101,8 @@ Opening Maker::MakeOpening()
     if (m_random.Chance(12)) {
         opening.path = m_random.Pick({"movies/clip.mp4", "CLIP.MOV", "clip", "caf\xC3\xA9.mp4",
                                       "none/clip.mp4", "folder", "folderlog.mp4", "LONG1018",
-                                      "LONG1019", "LONG1022", "LONG1023", "a.mov.mp4", "CUT"});
+                                      "LONG1019", "LONG1022", "LONG1023", "a.mov.mp4", "CUT",
+                                      "\xE6\x97\xA5\xE6\x9C\xAC.mov", "\xF0\x9F\x8E\xAC.mp4"});
     }
     opening.ioMode = m_random.Pick({0u, 2u, 2u});
     opening.create = m_random.Pick({Create::Adv, Create::AdvMultibyte});
@@ -137,6 +138,7 @@ Repair Maker::MakeRepair()
     repair.multibyte = m_random.Chance(50);
     repair.option = m_random.Pick<uint8_t>({0, 0, 1, 255});
     repair.error = Error();
+    repair.nullPath = m_random.Chance(1);
     repair.noMedia = m_random.Chance(2);
     repair.noLog = m_random.Chance(2);
     if (m_random.Chance(30)) {

@@ -41,7 +41,14 @@ public:
     void AnyUe(uint32_t count, uint32_t bits = 6)
     {
         for (uint32_t i = 0; i < count; ++i) {
-            Ue(m_random.Spread(bits));
+            if (m_random.Below(600) == 0) {  // wider than any field
+                const uint32_t zeros = 30 + m_random.Below(38);
+                Put(0, zeros);
+                Put(1, 1);
+                Any(zeros);
+            } else {
+                Ue(m_random.Spread(bits));
+            }
         }
     }
     bool Flag(uint32_t percent = 50)

@@ -143,12 +143,12 @@ std::wstring Wide(const std::string& text)
     std::wstring wide;
     for (size_t i = 0; i < text.size(); ++i) {
         const uint8_t byte = static_cast<uint8_t>(text[i]);
-        if (byte < 0x80) {
-            wide.push_back(static_cast<wchar_t>(byte));
-        } else {  // two bytes are all that the paths have
-            ++i;
-            wide.push_back(static_cast<wchar_t>((byte & 0x1F) << 6 | (text[i] & 0x3F)));
+        const int more = byte < 0x80 ? 0 : byte < 0xE0 ? 1 : byte < 0xF0 ? 2 : 3;
+        int character = more == 0 ? byte : byte & (0x3F >> more);
+        for (int j = 0; j < more; ++j) {
+            character = character << 6 | (text[++i] & 0x3F);
         }
+        wide.push_back(static_cast<wchar_t>(character));
     }
     return wide;
 }
@@ -518,7 +518,7 @@ Result Library::Run(const Sequence& sequence, const Prediction& prediction, cons
     m_capture->log->m_seen = &result.recording;
     Session(sequence, place, prediction.result.recording, result.recording, *m_capture->log).Run();
     result.recording.printed = m_capture->TakeOutput();
-    if (!sequence.repair || !place.CanHoldFiles()) {
+    if (!prediction.result.repair) {
         return result;
     }
 
@@ -538,11 +538,11 @@ Result Library::Run(const Sequence& sequence, const Prediction& prediction, cons
         Outcome outcome;
         errno = repair.error;
         if (repair.multibyte) {
-            outcome.value = (repair.front ? kv_mp4_repair : mp4_repair_file_ex)(place.given.c_str(),
-                                                                                repair.option);
+            outcome.value = (repair.front ? kv_mp4_repair : mp4_repair_file_ex)(
+                repair.nullPath ? nullptr : place.given.c_str(), repair.option);
         } else {
-            outcome.value =
-                (repair.front ? kv_mp4_repair_ex : mp4_repair_file)(wide.c_str(), repair.option);
+            outcome.value = (repair.front ? kv_mp4_repair_ex : mp4_repair_file)(
+                repair.nullPath ? nullptr : wide.c_str(), repair.option);
         }
         outcome.lines = seen.lines.size();
         seen.outcomes.push_back(outcome);

@@ -302,12 +302,16 @@ Prediction Predict(const Sequence& sequence, const Folder& folder)
     Prediction prediction;
     Caller(sequence, folder, prediction.result.recording).Run(prediction.planted);
     const Place place = folder.Find(sequence.opening.path);
-    if (!sequence.repair || !place.CanHoldFiles()) {
+    if (!sequence.repair || place.openError != 0 || place.infoOpenError != 0) {
         return prediction;
     }
     const Repair& repair = *sequence.repair;
     Planted& planted = prediction.planted;
-    Damage(planted, repair);
+    if (place.CanHoldFiles()) {
+        Damage(planted, repair);
+    } else {
+        planted = Planted();
+    }
     Observed& seen = prediction.result.repair.emplace();
     Journal journal{&seen, repair.error};
     seen.media = planted.media;
@@ -316,7 +320,7 @@ Prediction Predict(const Sequence& sequence, const Folder& folder)
         journal.error = repair.multibyte && place.given != place.path ? EILSEQ : repair.error;
         Repairer repairer(journal, seen.media, seen.info);
         Outcome outcome;
-        outcome.value = repairer.Run(place, repair.option);
+        outcome.value = repair.nullPath ? 4 : repairer.Run(place, repair.option);
         outcome.lines = seen.lines.size();
         seen.outcomes.push_back(outcome);
         seen.media = repairer.Media();

@@ -94,6 +94,7 @@ struct Repair {
     bool multibyte = false;
     uint8_t option = 0;
     int error = 0;
+    bool nullPath = false;
     bool noMedia = false;
     bool noLog = false;
     std::optional<Bytes> madeUpLog;                      // instead of the recording's

@@ -128,7 +128,7 @@ Bytes VideoFrame(Random& random, uint32_t codec)
 {
     Bytes frame;
     if (codec > 1 || random.Chance(3)) {
-        return random.Some(1 + random.Spread32(10));
+        return random.Some(1 + random.Spread32(random.Below(500) == 0 ? 20 : 10));
     }
     if (random.Chance(5)) {  // little but start codes and what looks like them
         for (uint32_t i = random.Below(24); i > 0; --i) {

@@ -266,6 +266,7 @@ public:
 private:
     std::list<RefBuffer*> m_free;  // idle buffers
     std::uint32_t m_total = 0;     // records that exist, idle or in use
+    std::list<RefBuffer*> m_lent;  // as many places as buffers are out: a return needs no memory
 };
 
 // Drops a holder's buffers, from the back of its list to the front.

@@ -5,6 +5,7 @@
 
 #include <cerrno>
 #include <cstdlib>
+#include <iterator>
 #include <new>
 
 // ---- CFastFileReader -----------------------------------------------------------------------
@@ -92,36 +93,39 @@ CReadBufferPool::~CReadBufferPool()
 
 RefBuffer* CReadBufferPool::GetBuffer(std::uint32_t size)
 {
-    RefBuffer* buffer = nullptr;
-    if (!m_free.empty()) {
-        buffer = m_free.back();
-        m_free.pop_back();
-    } else {
-        buffer = new (std::nothrow) RefBuffer{0, this, nullptr, 0};
-        if (!buffer)
+    if (m_free.empty()) {
+        m_free.push_back(nullptr);
+        m_free.back() = new (std::nothrow) RefBuffer{0, this, nullptr, 0};
+        if (!m_free.back()) {
+            m_free.pop_back();
             throw 83;
+        }
         ++m_total;
     }
+    RefBuffer* const buffer = m_free.back();
     if (size > buffer->capacity) {
         void* data = std::realloc(buffer->data, size);
         if (!data) {
-            // The buffer goes back to the pool empty, so that the pool still frees its record.
+            // The buffer stays in the pool, empty, so that the pool still frees its record.
             std::free(buffer->data);
             buffer->data = nullptr;
             buffer->capacity = 0;
-            m_free.push_back(buffer);
             throw 33;
         }
         buffer->data = static_cast<std::uint8_t*>(data);
         buffer->capacity = size;
     }
+    m_lent.splice(m_lent.end(), m_free, std::prev(m_free.end()));
     ++buffer->refCount;
     return buffer;
 }
 
 void CReadBufferPool::ReturnBuffer(RefBuffer* buffer)
 {
-    m_free.push_back(buffer);
+    if (m_lent.empty())
+        m_lent.push_back(nullptr);  // one that was never lent
+    m_free.splice(m_free.end(), m_lent, m_lent.begin());
+    m_free.back() = buffer;
 }
 
 void ReleaseBuffers(std::list<RefBuffer*>& held)

@@ -31,8 +31,10 @@ RefBuffer* CMp4Repair::ReadBlob(std::uint32_t size)
     // size is asked for. What passes is smaller than the reader's block.
     m_reader.Require(size);
     // One byte more, so that a text without its end mark ends with its blob.
-    RefBuffer* const buffer = m_pool.GetBuffer(size + 1);
-    m_packetBuffers.push_back(buffer);
+    // Its place in the list first: a buffer that finds none would be lost to the pool.
+    std::list<RefBuffer*> place(1);
+    RefBuffer* const buffer = place.front() = m_pool.GetBuffer(size + 1);
+    m_packetBuffers.splice(m_packetBuffers.end(), place);
     m_reader.Read(buffer->data, size);
     buffer->data[size] = 0;
     return buffer;

@@ -5,6 +5,8 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <mutex>
+#include <new>
 #include <string>
 
 #include <spdlog/sinks/stdout_sinks.h>
@@ -44,13 +46,18 @@ bool NarrowPath(const wchar_t* path, std::string& narrow)
     return true;
 }
 
-// Calls `use` with the narrow path; `failed` with errno EILSEQ when there is none.
+// Calls `use` with the narrow path; `failed` with errno when there is none: EILSEQ, or ENOMEM.
 template <typename Result, typename Use>
 Result WithNarrowPath(const wchar_t* path, Result failed, Use use)
 {
     std::string narrow;
-    if (!NarrowPath(path, narrow)) {
-        errno = EILSEQ;
+    try {
+        if (!NarrowPath(path, narrow)) {
+            errno = EILSEQ;
+            return failed;
+        }
+    } catch (const std::bad_alloc&) {
+        errno = ENOMEM;
         return failed;
     }
     return use(narrow.c_str());

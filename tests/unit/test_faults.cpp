@@ -153,6 +153,21 @@ TEST(PoolWithoutMemory, ForTheRecordThrows83AndLeavesNoLeak)
     EXPECT_EQ(printed, "");
 }
 
+TEST(PoolWithoutMemory, ForTheDataOfAnIdleBufferKeepsItForTheNext)
+{
+    CReadBufferPool pool;
+    std::list<RefBuffer*> held{pool.GetBuffer(10)};
+    RefBuffer* const first = held.front();
+    ReleaseBuffers(held);
+    {
+        const Fault fault(g_realloc);
+        EXPECT_EQ(Thrown([&] { pool.GetBuffer(11); }), 33);
+    }
+    held = {pool.GetBuffer(3)};
+    EXPECT_EQ(held.front(), first);
+    ReleaseBuffers(held);
+}
+
 // ---- Buffers and tables --------------------------------------------------------------------
 
 TEST(ABufferWithoutMemory, ReportsAWriteErrorAndDropsItsStore)

@@ -213,6 +213,10 @@ void CMp4Muxer::FinishFile(std::int64_t& clock)
         if (m_moov)
             m_moov->Write();
     }
+    // A local file that failed while it recorded ends without its moov here, though nothing may fail
+    // any more: the log is then all that can give it one.
+    if (m_pFile && m_pFile->IsLocal() && !m_pFile->IsOpen() && m_dataPos != 0)
+        throw kv_mp4_exception(m_pFile->m_errno);
     // Otherwise the stream would hand over its last bytes when it closes, behind the removal of the
     // log and with nobody to see it fail. A disk that fills up in them so fails the close and keeps
     // the log, and so does a power cut.

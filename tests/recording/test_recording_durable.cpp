@@ -153,7 +153,9 @@ TEST_F(Durable, DataThatItRefusesAheadOfTheLogFailsTheNextFrame)
     medium.refusedFile = "clip.mp4";
     EXPECT_EQ(rec.Video(Unit(0x65), 9), 0u);
     EXPECT_EQ(rec.Video(Unit(0x65), 10), 16u);
+    medium.error = 0;  // the log stays all the same: the file has no moov
     EXPECT_EQ(rec.CloseStatus(), 16u);
+    EXPECT_TRUE(fs::exists(rec.InfoPath()));
 }
 
 TEST_F(Durable, AFileWithoutAMediumIsNoFailure)

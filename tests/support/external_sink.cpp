@@ -14,10 +14,12 @@ ExternalSink* g_next = nullptr;  // the sink that the next open gets
 
 bool ExternalSink::Fault::Strikes()
 {
+    ++called;
     if (in == 0 || --in != 0)
         return false;
     if (forEver)
         in = 1;
+    ++struck;
     errno = error;
     return true;
 }
@@ -27,34 +29,42 @@ ExternalSink::ExternalSink()
     m_table.open = [](void** context, const wchar_t* path, std::uint32_t size,
                       std::uint32_t count) -> std::uint8_t {
         ExternalSink& sink = *g_next;
-        sink.m_calls.push_back("open " + std::filesystem::path(path).string() + " " +
-                               std::to_string(size) + " " + std::to_string(count));
-        if (sink.m_openFault.Strikes()) {
-            sink.m_calls.back() += " failed";
+        if (sink.Begins(kOpen, [&] {
+                return "open " + std::filesystem::path(path).string() + " " +
+                       std::to_string(size) + " " + std::to_string(count);
+            }))
             return 0;
-        }
         *context = &sink;
         return 1;
     };
-    m_table.close = [](void* context) { Of(context).m_calls.push_back("close"); };
+    m_table.close = [](void* context) {
+        Of(context).Begins(kClose, [] { return std::string("close"); });
+    };
     m_table.tell = [](void* context) {
-        Of(context).m_calls.push_back("tell");
-        return static_cast<std::int64_t>(Of(context).m_position);
+        ExternalSink& sink = Of(context);
+        const bool fails = sink.Begins(kTell, [] { return std::string("tell"); });
+        return fails ? -1 : static_cast<std::int64_t>(sink.m_position);
     };
     m_table.seek = [](void* context, std::int64_t offset, std::int32_t origin) {
         ExternalSink& sink = Of(context);
-        sink.m_calls.push_back("seek " + std::to_string(offset) + " " + std::to_string(origin));
-        const std::size_t from = origin == 0   ? 0
-                                 : origin == 1 ? sink.m_position
-                                               : sink.m_bytes.size();
-        sink.m_position = from + static_cast<std::size_t>(offset);
+        const auto from = static_cast<std::int64_t>(origin == 0   ? 0
+                                                    : origin == 1 ? sink.m_position
+                                                                  : sink.m_bytes.size());
+        const bool fails = sink.Begins(kSeek, [&] {
+            return "seek " + std::to_string(offset) + " " + std::to_string(origin);
+        });
+        if (!fails && from + offset >= 0)
+            sink.m_position = static_cast<std::size_t>(from + offset);
     };
-    m_table.flush = [](void* context) { Of(context).m_calls.push_back("flush"); };
+    m_table.flush = [](void* context) {
+        Of(context).Begins(kFlush, [] { return std::string("flush"); });
+    };
     m_table.read = [](void* context, void* buffer, std::uint32_t size) -> std::int32_t {
         ExternalSink& sink = Of(context);
-        sink.m_calls.push_back("read " + std::to_string(size));
+        if (sink.Begins(kRead, [&] { return "read " + std::to_string(size); }))
+            return 0;
         if (sink.m_position + size > sink.m_bytes.size()) {
-            sink.m_calls.back() += " failed";
+            sink.FailNoted();
             return 0;
         }
         std::copy_n(sink.m_bytes.begin() + static_cast<std::ptrdiff_t>(sink.m_position), size,
@@ -64,16 +74,14 @@ ExternalSink::ExternalSink()
     };
     m_table.write = [](void* context, const void* buffer, std::uint32_t size) -> std::int32_t {
         ExternalSink& sink = Of(context);
-        sink.m_calls.push_back("write " + std::to_string(size));
-        if (sink.m_writeFault.Strikes()) {
-            sink.m_calls.back() += " failed";
-            return 0;
-        }
+        const bool fails = sink.Begins(kWrite, [&] { return "write " + std::to_string(size); });
+        if (fails)
+            size = sink.m_takeHalf ? size / 2 : 0;
         sink.m_bytes.resize(std::max(sink.m_bytes.size(), sink.m_position + size));
         std::copy_n(static_cast<const std::uint8_t*>(buffer), size,
                     sink.m_bytes.begin() + static_cast<std::ptrdiff_t>(sink.m_position));
         sink.m_position += size;
-        return 1;
+        return fails ? 0 : 1;
     };
 }
 
@@ -89,14 +97,15 @@ ExternalIoFuncs* ExternalSink::Table()
     return &m_table;
 }
 
-void ExternalSink::FailWrite(std::size_t n, int error, bool forEver)
+void ExternalSink::Fail(Callback callback, std::size_t n, int error, bool forEver)
 {
-    m_writeFault = {n, error, forEver};
+    m_faults[callback] = {n, error, forEver};
 }
 
-void ExternalSink::FailOpen(std::size_t n, int error, bool forEver)
+void ExternalSink::FailNoted()
 {
-    m_openFault = {n, error, forEver};
+    if (m_note)
+        m_calls.back() += " failed";
 }
 
 std::size_t ExternalSink::Count(const std::string& name) const

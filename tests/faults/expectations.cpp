@@ -1,0 +1,185 @@
+#include "faults/expectations.h"
+
+#include "recovery/judge.h"
+#include "support/samples.h"
+
+#include <algorithm>
+#include <cstdio>
+
+#include <fcntl.h>
+#include <unistd.h>
+
+namespace kvtest {
+
+// ---- Counting ------------------------------------------------------------------------------
+
+void FaultReport::Add(const std::string& what, const std::string& where, const std::string& wrong)
+{
+    ++m_runs[what];
+    if (wrong.empty())
+        return;
+    if (++m_wrong <= 20)
+        std::fprintf(stderr, "%s, %s: %s\n", where.c_str(), what.c_str(), wrong.c_str());
+}
+
+bool FaultReport::Print(const std::string& title) const
+{
+    std::size_t sum = 0;
+    std::string kinds;
+    for (const auto& [what, runs] : m_runs) {
+        sum += runs;
+        kinds += (kinds.empty() ? "" : ", ") + what + " " + std::to_string(runs);
+    }
+    std::fprintf(stderr, "%s: %zu runs (%s), %zu of them wrong\n", title.c_str(), sum,
+                 kinds.c_str(), m_wrong);
+    return m_wrong == 0;
+}
+
+// ---- Results -------------------------------------------------------------------------------
+
+namespace {
+
+StepResult Status(std::uint32_t value)
+{
+    return {StepResult::kStatus, value};
+}
+
+std::string Differs(const FaultStep& step, std::size_t n, const StepResult& is,
+                    const StepResult& wanted)
+{
+    return "step " + std::to_string(n) + " (" + step.name + "): " + is.Text() + ", not " +
+           wanted.Text();
+}
+
+}  // namespace
+
+std::string CompareResults(const Scenario& scenario, const Failure& failure)
+{
+    const auto& steps = scenario.Steps();
+    const auto& results = scenario.Results();
+    for (std::size_t n = 0; n < steps.size(); ++n) {
+        const FaultStep& step = steps[n];
+        if (n == failure.step) {
+            const auto& allowed = failure.atStep;
+            if (std::find(allowed.begin(), allowed.end(), results[n]) == allowed.end())
+                return Differs(step, n, results[n], allowed.front());
+            continue;
+        }
+        StepResult wanted = Status(step.expected);
+        if (n > failure.step && steps[failure.step].answer == Answer::Create)
+            wanted = failure.later ? StepResult{} : wanted;
+        else if (n > failure.step && step.answer != Answer::Ignores && failure.later)
+            wanted = Status(*failure.later);
+        if (results[n] != wanted)
+            return Differs(step, n, results[n], wanted);
+    }
+    return {};
+}
+
+std::string CompareResults(const Scenario& scenario)
+{
+    return CompareResults(scenario, {scenario.Steps().size(), {}, std::nullopt});
+}
+
+// ---- Files ---------------------------------------------------------------------------------
+
+namespace {
+
+// Where the header of mdat stands.
+std::size_t MdatOf(const FaultPlan& plan)
+{
+    return plan.file == std::string("clip.mov") ? 20 : 36;
+}
+
+}  // namespace
+
+std::string JudgeLastCheckpoint(const Scenario& scenario, const std::vector<unsigned>& checkpoints,
+                                std::size_t step, unsigned within, const Bytes& media)
+{
+    std::size_t last = 0;  // the step that completed one last
+    for (std::size_t n = 0; n < step; ++n)
+        if (checkpoints[n] != 0)
+            last = n;
+    if (within != 0)
+        last = step;
+    if (last == 0)
+        return {};
+    const std::size_t mdat = MdatOf(scenario.Plan());
+    if (media.size() < mdat + 8)
+        return "the media file has " + std::to_string(media.size()) + " bytes";
+    const Checkpoint checkpoint{0, mdat + BoxFile(media).U32(mdat), scenario.SamplesBefore(last)};
+    const std::string wrong = JudgeCheckpoint(scenario.Samples(), checkpoint, media);
+    return wrong.empty() ? wrong : "the last checkpoint: " + wrong;
+}
+
+std::string JudgeKeptLog(const Scenario& scenario, const std::filesystem::path& media,
+                         std::size_t flushed)
+{
+    // The samples of the log, in its order.
+    std::vector<std::pair<std::size_t, Track>> logged;
+    for (const Track track : kAllTracks)
+        for (const Sample& sample : scenario.Samples().tracks[track])
+            if (scenario.Results()[sample.step] == Status(0))
+                logged.emplace_back(sample.step, track);
+    std::sort(logged.begin(), logged.end());
+    // The last packet is lost; it may be that of a call that brings no sample.
+    std::size_t lastPacket = 0;
+    for (std::size_t n = 0; n < scenario.Steps().size(); ++n) {
+        const Answer answer = scenario.Steps()[n].answer;
+        const bool logs = answer == Answer::Refuses || scenario.Steps()[n].name == std::string("time code");
+        if (logs && scenario.Results()[n] == Status(0))
+            lastPacket = n;
+    }
+    Counts counts;
+    for (const auto& [step, track] : logged)
+        counts.of[track] += step != lastPacket;
+
+    // For each time code the moov begins 4 bytes ahead of the end of the data: these samples lose.
+    std::int64_t overwritten = 4 * static_cast<std::int64_t>(counts.of[kTimeCode]);
+    for (auto i = logged.rbegin(); i != logged.rend() && overwritten > 0; ++i) {
+        if (i->first == lastPacket)
+            continue;
+        flushed = std::min(flushed, i->first);
+        const auto& samples = scenario.Samples().tracks[i->second];
+        overwritten -= std::find_if(samples.begin(), samples.end(), [i](const Sample& sample) {
+                           return sample.step == i->first;
+                       })->size;
+    }
+
+    // Without the header of mdat there was no recording yet, and there is none afterwards.
+    const bool begun = std::filesystem::file_size(media) >= MdatOf(scenario.Plan()) + 8;
+    if (const std::uint32_t status = mp4_repair_file_ex(media.c_str(), 0); status != 0)
+        return "the repair has status " + std::to_string(status);
+    if (!begun)
+        return std::filesystem::is_empty(media) ? "" : "repaired: a file without data";
+    const BoxFile file = BoxFile::Read(media);
+    if (!file.Damage().empty())
+        return "repaired: " + file.Damage().front();
+    for (const Track track : kAllTracks) {
+        const auto& wanted = scenario.Samples().tracks[track];
+        const auto samples = kvtest::Samples(file, kTrackNames[track]);
+        if (samples.size() != counts.of[track])
+            return std::string("repaired: ") + kTrackNames[track] + " has " +
+                   std::to_string(samples.size()) + " samples, not " +
+                   std::to_string(counts.of[track]);
+        for (std::size_t n = 0; n < samples.size() && wanted[n].step < flushed; ++n)
+            if (Hash(samples[n].data(), samples[n].size()) != wanted[n].hash)
+                return std::string("repaired: ") + kTrackNames[track] + " sample " +
+                       std::to_string(n + 1) + " is not intact";
+    }
+    return {};
+}
+
+Bytes Content(const std::filesystem::path& path)
+{
+    return std::filesystem::exists(path) ? BoxFile::Read(path).All() : Bytes{};
+}
+
+int NextDescriptor()
+{
+    const int descriptor = open("/dev/null", O_RDONLY | O_CLOEXEC);
+    close(descriptor);
+    return descriptor;
+}
+
+}  // namespace kvtest

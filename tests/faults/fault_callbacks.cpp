@@ -1,0 +1,187 @@
+// Every call of a caller's own output fails, one after the other.
+#include "faults/fault_proofs.h"
+
+#include "faults/expectations.h"
+#include "support/external_sink.h"
+#include "support/recording.h"
+#include "support/repair.h"
+
+namespace kvtest {
+
+namespace {
+
+// The run without a fault.
+struct Whole {
+    std::vector<std::size_t> writesAfter;  // by step
+    std::vector<unsigned> checkpoints;
+    Bytes bytes;
+};
+
+class Callbacks {
+public:
+    Callbacks(const FaultPlan& plan, FaultReport& report, const FaultChoice& choice)
+        : m_scenario(plan), m_report(report), m_choice(choice), m_path(m_folder / plan.file),
+          m_log(m_path.string() + ".info")
+    {
+    }
+
+    bool RunWhole()
+    {
+        ExternalSink sink;
+        sink.NoteNoCalls();
+        m_scenario.Run(m_path, sink.Table(), [&](bool inside) {
+            if (!inside)
+                m_whole.writesAfter.push_back(sink.Called(ExternalSink::kWrite));
+        });
+        m_whole.checkpoints = m_scenario.Checkpoints();
+        m_whole.bytes = sink.Data();
+        const std::string wrong = CompareResults(m_scenario);
+        m_report.Add("nothing", m_scenario.Plan().name, wrong);
+        return wrong.empty();
+    }
+
+    // Writes: each fails once, for ever, and with half of its bytes taken, with the errors in turn or
+    // with all of them.
+    void FailWrites()
+    {
+        for (std::size_t n = 1;; n += m_choice.stride)
+            for (std::size_t i = 0; i < (m_choice.all ? std::size(kFaultErrors) : 1); ++i)
+                if (!FailWrite(n, i))
+                    return;
+    }
+
+    // Calls whose results the library does not look at: nothing shows, and nothing breaks.
+    void FailUnseen(ExternalSink::Callback callback, const char* name)
+    {
+        for (const bool forEver : {false, true}) {
+            for (std::size_t n = 1;; n += m_choice.stride) {
+                ExternalSink sink;
+                sink.NoteNoCalls();
+                sink.Fail(callback, n, EIO, forEver);
+                m_scenario.Run(m_path, sink.Table());
+                if (sink.Struck(callback) == 0)
+                    break;
+                std::string wrong = CompareResults(m_scenario);
+                const bool harmless =
+                    callback == ExternalSink::kFlush || callback == ExternalSink::kClose;
+                if (wrong.empty() && harmless && sink.Data() != m_whole.bytes)
+                    wrong = "the file is another";
+                m_report.Add(name, Where(n, EIO, forEver), wrong + LeftOver(false));
+            }
+        }
+    }
+
+    void FailOpen()
+    {
+        for (const FaultError& error : kFaultErrors) {
+            ExternalSink sink;
+            sink.FailOpen(1, error.error);
+            m_scenario.Run(m_path, sink.Table());
+            // Whatever the output says, its own value stands for it.
+            const Failure failure{0, {{StepResult::kStatus, MP4_ERR_INVALID_PARAM}}, 0};
+            m_report.Add("open", Where(1, error.error, true),
+                         CompareResults(m_scenario, failure) + LeftOver(false));
+        }
+    }
+
+private:
+    std::string Where(std::size_t n, int error, bool forEver) const
+    {
+        return std::string(m_scenario.Plan().name) + ", call " + std::to_string(n) + ", errno " +
+               std::to_string(error) + (forEver ? " for ever" : " once");
+    }
+
+    // A log that should not be there, or is missing; removes it.
+    std::string LeftOver(bool kept)
+    {
+        const bool there = std::filesystem::remove(m_log);
+        return there == kept ? "" : there ? "; the log stayed" : "; the log is gone";
+    }
+
+    bool FailWrite(std::size_t n, std::size_t turn)
+    {
+        for (std::size_t way = 0; way < 3; ++way) {
+            const FaultError& error = kFaultErrors[(n + way + turn) % std::size(kFaultErrors)];
+            ExternalSink sink;
+            sink.NoteNoCalls();
+            sink.FailWrite(n, error.error, way != 0);
+            if (way == 2)
+                sink.TakeHalfOfFailedWrites();
+            const int descriptor = NextDescriptor();
+            m_scenario.Run(m_path, sink.Table());
+            if (sink.Struck(ExternalSink::kWrite) == 0)
+                return false;
+            std::string wrong = Judge(n, error, sink);
+            if (wrong.empty() && NextDescriptor() != descriptor)
+                wrong = "a file was left open";
+            m_report.Add(way == 2 ? "write, half taken" : way ? "write, for ever" : "write, once",
+                         Where(n, error.error, way != 0), wrong);
+        }
+        return true;
+    }
+
+    std::string Judge(std::size_t n, const FaultError& error, const ExternalSink& sink)
+    {
+        const auto& steps = m_scenario.Steps();
+        std::size_t step = 0;
+        while (m_whole.writesAfter[step] < n)
+            ++step;
+        // A frame's own writes come last: a length and a unit, or the bytes alone.
+        const bool video = steps[step].name == std::string("video frame");
+        const bool proRes = m_scenario.Plan().proRes;
+        const std::size_t own = video && !proRes ? 2 : 1;
+        const bool inCheckpoint =
+            m_whole.checkpoints[step] != 0 && n + own <= m_whole.writesAfter[step];
+        const bool unguarded = inCheckpoint || (video && proRes);
+        const bool inClose = steps[step].answer == Answer::Close;
+
+        Failure failure{step, {}, error.status};
+        if (unguarded)
+            failure.atStep = {{StepResult::kThrewCode, error.error}};
+        else
+            failure.atStep = {{StepResult::kStatus, error.status}};
+        std::string wrong = CompareResults(m_scenario, failure);
+        if (wrong.empty() && sink.Called(ExternalSink::kWrite) != n)
+            wrong = "writes followed the one that failed";
+        if (wrong.empty() && !inClose)  // the close writes over the moov in force
+            wrong = JudgeLastCheckpoint(m_scenario, m_whole.checkpoints, step,
+                                        m_whole.checkpoints[step] != 0 && !inCheckpoint,
+                                        sink.Data());
+        const bool kept = inClose && m_scenario.Plan().HasLog();
+        if (wrong.empty() && kept) {
+            WriteBytes(m_path, sink.Data());
+            wrong = JudgeKeptLog(m_scenario, m_path, steps.size());
+            std::filesystem::remove(m_path);
+        }
+        return wrong + LeftOver(kept);
+    }
+
+    Scenario m_scenario;
+    FaultReport& m_report;
+    FaultChoice m_choice;
+    Folder m_folder;
+    std::filesystem::path m_path;
+    std::filesystem::path m_log;
+    Whole m_whole;
+};
+
+}  // namespace
+
+bool ProveCallbacks(const FaultChoice& choice)
+{
+    FaultReport report;
+    for (const FaultPlan& plan : FaultPlans()) {
+        Callbacks proof(plan, report, choice);
+        if (!proof.RunWhole())
+            break;
+        proof.FailWrites();
+        proof.FailUnseen(ExternalSink::kTell, "tell");
+        proof.FailUnseen(ExternalSink::kSeek, "seek");
+        proof.FailUnseen(ExternalSink::kFlush, "flush");
+        proof.FailUnseen(ExternalSink::kClose, "close");
+        proof.FailOpen();
+    }
+    return report.Print("callbacks");
+}
+
+}  // namespace kvtest

@@ -1,0 +1,298 @@
+// Every system call that a recording makes for its two files fails, one after the other.
+#include "faults/fault_proofs.h"
+
+#include "faults/expectations.h"
+#include "faults/system_calls.h"
+#include "recovery/judge.h"
+#include "support/recording.h"
+
+#include <algorithm>
+
+namespace kvtest {
+
+namespace {
+
+// A way to fail.
+struct Way {
+    const char* name;
+    bool forEver;
+    bool half;
+};
+constexpr Way kWays[] = {{"once", false, false}, {"for ever", true, false},
+                         {"for ever, half taken", true, true}};
+
+class Calls {
+public:
+    Calls(const FaultPlan& plan, FaultReport& report, const FaultChoice& choice)
+        : m_scenario(plan), m_report(report), m_choice(choice), m_path(WatchedFolder() / plan.file),
+          m_log(m_path.string() + ".info")
+    {
+    }
+
+    bool RunWhole()
+    {
+        m_events = Run({});
+        m_checkpoints = m_scenario.Checkpoints();
+        m_whole = Content(m_path);
+        std::string wrong = CompareResults(m_scenario);
+        if (wrong.empty() && std::filesystem::exists(m_log))
+            wrong = "the log stayed";
+        m_report.Add("nothing", m_scenario.Plan().name, wrong);
+        return wrong.empty();
+    }
+
+    void Fail(SysCall call, SysFile file)
+    {
+        for (const Way& way : kWays) {
+            if (way.half && call != SysCall::Write)
+                continue;
+            for (std::size_t n = 1; FailNth({call, file, n, 0, way.forEver, way.half}, way.name);
+                 n += m_choice.stride) {
+            }
+        }
+    }
+
+    // No error at all, but a write that takes half of its bytes: the rest goes with the next.
+    void ShortWrites(SysFile file)
+    {
+        const auto writes =
+            std::count_if(m_events.begin(), m_events.end(), [file](const SysEvent& event) {
+                return event.call == SysCall::Write && event.file == file;
+            });
+        for (std::size_t n = 1; n <= static_cast<std::size_t>(writes); n += m_choice.stride) {
+            const SysFault fault{SysCall::Write, file, n, 0, false, false};
+            Run(fault);
+            m_report.Add("write, half taken", Where(fault), Unharmed(false));
+        }
+    }
+
+private:
+    std::vector<SysEvent> Run(const SysFault& fault)
+    {
+        std::filesystem::remove(m_path);
+        std::filesystem::remove(m_log);
+        SystemCalls::Watch(fault);
+        m_scenario.Run(m_path, nullptr, SystemCalls::Around);
+        return SystemCalls::Stop();
+    }
+
+    std::string Where(const SysFault& fault) const
+    {
+        return std::string(m_scenario.Plan().name) + ", " +
+               (fault.file == SysFile::Log ? "log" : "media") + " " + NameOf(fault.call) + " " +
+               std::to_string(fault.n) + ", errno " + std::to_string(fault.error) +
+               (fault.forEver ? " for ever" : " once");
+    }
+
+    // With each error, or with another for each n.
+    bool FailNth(SysFault fault, const char* way)
+    {
+        bool struck = false;
+        for (std::size_t i = 0; i < (m_choice.all ? std::size(kFaultErrors) : 1); ++i) {
+            const FaultError& error = kFaultErrors[(fault.n + i) % std::size(kFaultErrors)];
+            fault.error = error.error;
+            struck = FailOne(fault, error, way);
+        }
+        return struck;
+    }
+
+    bool FailOne(const SysFault& fault, const FaultError& error, const char* way)
+    {
+        const int descriptor = NextDescriptor();
+        const auto events = Run(fault);
+        const auto struck = std::find_if(events.begin(), events.end(),
+                                         [](const SysEvent& event) { return event.failed; });
+        if (struck == events.end())
+            return false;
+        // Among the calls of the whole run, which has no rest of a half write.
+        const auto place = static_cast<std::size_t>(struck - events.begin()) -
+                           (fault.half && fault.n > 1 ? 1 : 0);
+        // A file that is read-only, or no file at all, has no medium to wait for.
+        const bool noMedium = fault.call == SysCall::Sync && fault.error == EROFS;
+        std::string wrong = noMedium                     ? Unharmed(false)
+                            : fault.file == SysFile::Log ? JudgeLogFault(fault, error, struck->step)
+                                                         : JudgeMediaFault(fault, error, place);
+        if (wrong.empty() && NextDescriptor() != descriptor)
+            wrong = "a file was left open";
+        m_report.Add(std::string(fault.file == SysFile::Log ? "log " : "media ") +
+                         NameOf(fault.call) + " " + way,
+                     Where(fault), wrong);
+        return true;
+    }
+
+    // All answers and the media file as without a fault; the log gone, unless its removal failed.
+    std::string Unharmed(bool logStays)
+    {
+        if (const std::string wrong = CompareResults(m_scenario); !wrong.empty())
+            return wrong;
+        if (Content(m_path) != m_whole)
+            return "the file is another";
+        return std::filesystem::exists(m_log) == logStays ? "" : "the log stayed, or is gone";
+    }
+
+    std::string JudgeLogFault(const SysFault& fault, const FaultError& error, std::size_t step)
+    {
+        const StepResult status{StepResult::kStatus, error.status};
+        if (step == 0) {
+            // No log, no recording. The media file is there by the time of the first flush.
+            if (const std::string wrong = CompareResults(m_scenario, {0, {status}, 0});
+                !wrong.empty())
+                return wrong;
+            if (std::filesystem::exists(m_log))
+                return "the log stayed";
+            if (std::filesystem::exists(m_path) == (fault.call == SysCall::Open))
+                return "the media file stayed, or is gone";
+            return {};
+        }
+        // Told once by the call whose packet did not fit the stream any more, by none that flushed.
+        const bool told = m_scenario.Steps()[step].name == std::string("metadata") &&
+                          fault.call == SysCall::Write;
+        if (!told)
+            return Unharmed(fault.call == SysCall::Unlink);
+        if (const std::string wrong = CompareResults(m_scenario, {step, {status}, std::nullopt});
+            !wrong.empty())
+            return wrong;
+        if (Content(m_path) != m_whole)
+            return "the file is another";
+        return std::filesystem::exists(m_log) ? "the log stayed" : "";
+    }
+
+    // The stream moves when a box is ended, at a checkpoint, and to know its position, where nobody
+    // looks at a failure: -1 is then the position that the library goes by. So it shows later than
+    // it happened, or not at all; a file that nobody complained of must be sound.
+    std::string JudgeSeekFault(const FaultError& error, std::size_t step)
+    {
+        const auto& steps = m_scenario.Steps();
+        const auto& results = m_scenario.Results();
+        std::size_t first = step;
+        while (first < steps.size() &&
+               results[first] == StepResult{StepResult::kStatus, steps[first].expected})
+            ++first;
+        if (first == steps.size())
+            return JudgeFile(m_scenario.Samples(), m_scenario.SamplesBefore(first), Content(m_path));
+        Failure failure{first, {results[first]}, {}};
+        if (results[first].value == error.error || results[first].value == error.status)
+            failure.later = error.status;
+        else if (results[first].value == EINVAL || results[first].value == 1)
+            failure.later = 1;
+        else
+            return "threw or returned " + std::to_string(results[first].value);
+        if (const std::string wrong = CompareResults(m_scenario, failure); !wrong.empty())
+            return wrong;
+        if (first + 1 < steps.size()) {
+            // The switch may have been over when it failed.
+            const Bytes media = Content(m_path);
+            const auto& checkpoints = m_scenario.Checkpoints();
+            const std::string wrong = JudgeLastCheckpoint(m_scenario, checkpoints, first, 0, media);
+            if (!wrong.empty() && (checkpoints[first] == 0 ||
+                                   !JudgeLastCheckpoint(m_scenario, checkpoints, first, 1, media)
+                                        .empty()))
+                return wrong;
+        }
+        if (!m_scenario.Plan().HasLog())
+            return {};
+        return std::filesystem::exists(m_log) ? JudgeKeptLog(m_scenario, m_path, 0)
+                                              : "the log is gone";
+    }
+
+    std::string JudgeMediaFault(const SysFault& fault, const FaultError& error, std::size_t place)
+    {
+        if (fault.call == SysCall::Close)
+            return Unharmed(false);
+        const std::size_t step = m_events[place].step;
+        if (fault.call == SysCall::Seek && step != 0)
+            return JudgeSeekFault(error, step);
+        const StepResult status{StepResult::kStatus, error.status};
+        const auto& steps = m_scenario.Steps();
+        if (steps[step].answer == Answer::Create) {
+            Failure failure{0, {status}, 0};
+            if (fault.call == SysCall::Seek)  // or it failed unseen, and the next one by it
+                failure.atStep.push_back({StepResult::kStatus, MP4_ERR_FAILED});
+            const std::string wrong = CompareResults(m_scenario, failure);
+            // Where the close fails as well, nobody removes it.
+            const bool mayStay = fault.call == SysCall::Seek && fault.forEver;
+            return !wrong.empty()                                ? wrong
+                   : std::filesystem::exists(m_log) && !mayStay ? "the log stayed"
+                                                                : "";
+        }
+
+        // Where in the step: its checkpoint waits twice, its flush of the log writes and waits last.
+        std::size_t waits = 0;
+        std::size_t lastWrite = 0;
+        for (std::size_t n = 0; n < m_events.size(); ++n) {
+            const SysEvent& event = m_events[n];
+            if (event.step != step || event.file != SysFile::Media)
+                continue;
+            waits += n < place && event.call == SysCall::Sync;
+            lastWrite = event.call == SysCall::Write ? n : lastWrite;
+        }
+        const bool flushesLog =
+            std::any_of(m_events.begin(), m_events.end(), [&](const SysEvent& event) {
+                return event.step == step && event.file == SysFile::Log &&
+                       steps[step].name == std::string("video frame");
+            });
+        const bool inCheckpoint = m_checkpoints[step] != 0 && waits < 2;
+        const bool inFlush = flushesLog && !inCheckpoint && place >= lastWrite;
+        const bool inClose = steps[step].answer == Answer::Close;
+
+        Failure failure{step, {}, error.status};
+        const bool bare = steps[step].name == std::string("video frame") && m_scenario.Plan().proRes;
+        if (inFlush)
+            failure.atStep = {{StepResult::kStatus, 0}};  // the next call tells
+        else if (inCheckpoint || bare)
+            failure.atStep = {{StepResult::kThrewCode, error.error}};
+        else
+            failure.atStep = {status};
+        if (const std::string wrong = CompareResults(m_scenario, failure); !wrong.empty())
+            return wrong;
+        if (!inClose) {  // the close writes over the moov in force
+            // The second wait comes behind the switch.
+            const bool switched = !inCheckpoint || (fault.call == SysCall::Sync && waits == 1);
+            const std::string wrong =
+                JudgeLastCheckpoint(m_scenario, m_checkpoints, step,
+                                    m_checkpoints[step] != 0 && switched, Content(m_path));
+            if (!wrong.empty())
+                return wrong;
+        }
+        if (!m_scenario.Plan().HasLog())
+            return {};
+        if (!std::filesystem::exists(m_log))
+            return "the log is gone";
+        // What the last complete flush of the log named, the medium had before.
+        std::size_t flushed = 0;
+        for (std::size_t n = 0; n < place; ++n)
+            if (m_events[n].file == SysFile::Log && m_events[n].call == SysCall::Sync &&
+                m_events[n].step != 0)
+                flushed = m_events[n].step;
+        return JudgeKeptLog(m_scenario, m_path, flushed);
+    }
+
+    Scenario m_scenario;
+    FaultReport& m_report;
+    FaultChoice m_choice;
+    std::filesystem::path m_path;
+    std::filesystem::path m_log;
+    std::vector<SysEvent> m_events;
+    std::vector<unsigned> m_checkpoints;
+    Bytes m_whole;
+};
+
+}  // namespace
+
+bool ProveSystemCalls(const FaultChoice& choice)
+{
+    FaultReport report;
+    for (const FaultPlan& plan : FaultPlans()) {
+        Calls proof(plan, report, choice);
+        if (!proof.RunWhole())
+            break;
+        for (const SysFile file : {SysFile::Media, SysFile::Log}) {
+            for (const SysCall call : kAllSysCalls)
+                proof.Fail(call, file);
+            proof.ShortWrites(file);
+        }
+    }
+    return report.Print("system calls");
+}
+
+}  // namespace kvtest

@@ -1,0 +1,289 @@
+#include "faults/scenario.h"
+
+#include "support/recording.h"
+
+#include <spdlog/sinks/sink.h>
+#include <spdlog/spdlog.h>
+
+#include <cstdio>
+#include <new>
+#include <string_view>
+
+#include <fcntl.h>
+#include <unistd.h>
+
+namespace kvtest {
+
+namespace {
+
+constexpr std::uint32_t kPictures = 31;
+constexpr std::uint32_t kPictureTime = 3600;   // 25 a second
+constexpr std::uint32_t kAudioTime = 1920;     // of each frame, as long as a picture
+constexpr std::uint32_t kFlushInterval = 10;   // pictures
+constexpr std::uint32_t kDistance = 12000;     // bytes from checkpoint to checkpoint
+
+std::size_t g_step = 0;
+unsigned g_checkpoints = 0;
+
+// Counts checkpoints and drops everything.
+class CheckpointSink final : public spdlog::sinks::sink {
+public:
+    void log(const spdlog::details::log_msg& line) override
+    {
+        const std::string_view text(line.payload.data(), line.payload.size());
+        g_checkpoints += text.starts_with("update moov header to ");
+    }
+    void flush() override {}
+    void set_pattern(const std::string&) override {}
+    void set_formatter(std::unique_ptr<spdlog::formatter>) override {}
+};
+
+// Bytes that never make a start code and differ from frame to frame.
+Bytes Filler(std::size_t size, std::uint32_t seed)
+{
+    Bytes bytes(size);
+    for (std::size_t i = 0; i < size; ++i)
+        bytes[i] = static_cast<std::uint8_t>(0x80 | (i * 7 + seed * 13));
+    return bytes;
+}
+
+// Below and above the buffer of a stream; the pictures that flush the log are small ones.
+std::size_t PictureSize(std::uint32_t n)
+{
+    return n % 7 == 3 ? 5000 : 200 + 37 * (n % 11);
+}
+
+std::uint32_t Size(const Bytes& bytes)
+{
+    return static_cast<std::uint32_t>(bytes.size());
+}
+
+}  // namespace
+
+const std::vector<FaultPlan>& FaultPlans()
+{
+    constexpr std::uint8_t safe = MP4_OPEN_SAFE_MODE;
+    constexpr std::uint8_t info = MP4_OPEN_INFO_FILE;
+    constexpr std::uint8_t fast = MP4_OPEN_FAST_HEADER;
+    constexpr std::uint8_t large = MP4_OPEN_LARGE_FILE;
+    static const std::vector<FaultPlan> plans{
+        {"safe and info", "clip.mp4", safe | info, false},
+        {"plain", "clip.mp4", 0, false},
+        {"info, fast header", "clip.mp4", info | fast, false},
+        {"info, large, long", "clip.mov", info | large | MP4_OPEN_VERSION1, false},
+        {"safe, ProRes", "clip.mov", safe, true},
+        {"safe and info, ProRes", "clip.mov", safe | info, true},
+        {"fast header, large", "clip.mp4", fast | large, false},
+    };
+    return plans;
+}
+
+std::string StepResult::Text() const
+{
+    switch (kind) {
+    case kNotRun: return "not run";
+    case kStatus: return "status " + std::to_string(value);
+    case kThrewCode: return "threw code " + std::to_string(value);
+    case kThrewInteger: return "threw " + std::to_string(value);
+    case kThrewMemory: return "threw bad_alloc";
+    default: return "threw something foreign";
+    }
+}
+
+// ---- The calls -----------------------------------------------------------------------------
+
+Scenario::Scenario(const FaultPlan& plan) : m_plan(plan)
+{
+    Add("create", Answer::Create, {});
+    Add("safe parameters", Answer::Ignores, [](mp4_handle file) {
+        const mp4_safe_param params{0, kDistance, 2 * kDistance, 4 * kDistance};
+        return mp4_set_safe_param(file, &params);
+    });
+    Add("flush interval", Answer::Ignores, [](mp4_handle file) {
+        return mp4_repair_set_flush_interval(file, kFlushInterval);
+    }, 4);
+    AddTracks();
+    AddFrames();
+    Add("close", Answer::Close, [](mp4_handle file) { return mp4_close_file(file); });
+    m_results.resize(m_steps.size());
+    m_checkpoints.resize(m_steps.size());
+}
+
+void Scenario::Add(const char* name, Answer answer,
+                   std::function<std::uint32_t(mp4_handle)> call, std::uint32_t expected)
+{
+    m_steps.push_back({name, answer, expected, std::move(call)});
+}
+
+void Scenario::Keep(Track track, const Bytes& sample)
+{
+    m_take.tracks[track].push_back({track, Hash(sample.data(), sample.size()), Size(sample),
+                                    static_cast<std::uint32_t>(m_steps.size())});
+}
+
+void Scenario::AddTracks()
+{
+    const bool proRes = m_plan.proRes;
+    Add("video track", Answer::Refuses, [proRes](mp4_handle file) {
+        mp4_video_track_info info{};
+        info.timescale = 90000;
+        info.width = 160;
+        info.height = 120;
+        info.codec = proRes ? MP4_VIDEO_PRORES : MP4_VIDEO_H264;
+        if (!proRes) {
+            info.sps = Sps().data();
+            info.sps_size = static_cast<std::int16_t>(Sps().size());
+            info.pps = Pps().data();
+            info.pps_size = static_cast<std::int16_t>(Pps().size());
+        }
+        return mp4_set_video_track(file, &info);
+    });
+    Add("audio track", Answer::Refuses, [](mp4_handle file) {
+        const mp4_audio_track_info info{48000, kAudioTime, MP4_AUDIO_AAC_RAW, 48000, 2, 2};
+        return mp4_set_audio_track(file, &info);
+    });
+    Add("caption track", Answer::Refuses, [](mp4_handle file) {
+        const mp4_subtitle_track_info info{MP4_SUBTITLE_CEA608, 1000};
+        return mp4_set_subtitle_track(file, &info);
+    });
+    Add("time code track", Answer::Ignores, [](mp4_handle file) {
+        const mp4_time_code_track_info info{25, 1, 25, 0};
+        return mp4_set_time_code_track(file, &info);
+    });
+    Add("title", Answer::Refuses,
+        [](mp4_handle file) { return mp4_set_metadata(file, "title", "A recording"); });
+}
+
+void Scenario::AddFrames()
+{
+    for (std::uint32_t n = 0; n < kPictures; ++n) {
+        if (n % 16 == 0)
+            AddTimeCode(n);
+        AddVideo(n);
+        AddAudio(n);
+        if (n % 8 == 0)
+            AddCaption(n);
+        if (n == 13)
+            // Larger than the buffer of a stream: the log goes out with it.
+            Add("metadata", Answer::Refuses, [value = Filler(5000, 1)](mp4_handle file) {
+                return mp4_set_metadata_ex(file, "com.example.notes", value.data(), Size(value),
+                                           MP4_METADATA_BINARY, "mdta");
+            });
+        if (n == 20)
+            Add("duration", Answer::Ignores, [](mp4_handle file) {
+                mp4_get_duration_ms(file);  // 0 from a failed output
+                return mp4_get_moov_size(file) == 0;
+            });
+    }
+}
+
+void Scenario::AddVideo(std::uint32_t n)
+{
+    const Bytes body = Filler(PictureSize(n), n);
+    const Bytes unit = Hex("65 88 84") + body;
+    const Bytes frame = m_plan.proRes ? body : Hex("00000001") + unit;
+    Keep(kVideo, m_plan.proRes ? body : WithLengths(frame));
+    Add("video frame", Answer::Refuses, [frame, n](mp4_handle file) {
+        return mp4_write_video_frame(file, frame.data(), Size(frame),
+                                     std::uint64_t{n} * kPictureTime);
+    });
+}
+
+void Scenario::AddAudio(std::uint32_t n)
+{
+    const Bytes frame = Filler(60 + n % 5, 100 + n);
+    Keep(kAudio, frame);
+    Add("audio frame", Answer::Refuses, [frame, n](mp4_handle file) {
+        return mp4_write_audio_frame(file, frame.data(), Size(frame), std::uint64_t{n} * kAudioTime);
+    });
+}
+
+void Scenario::AddCaption(std::uint32_t n)
+{
+    const std::uint8_t second = static_cast<std::uint8_t>(n);
+    const Bytes frame{0x61, 2, 1, 0, 0x94, second};
+    Keep(kCaptions, Hex("0000000A 'cdat' 94") + Bytes{second});
+    Add("caption frame", Answer::Refuses, [frame, n](mp4_handle file) {
+        return mp4_write_subtitle_frame(file, frame.data(), Size(frame), n * 40);
+    });
+}
+
+void Scenario::AddTimeCode(std::uint32_t n)
+{
+    Keep(kTimeCode, {0, 0, 0, static_cast<std::uint8_t>(n)});
+    Add("time code", Answer::Ignores,
+        [n](mp4_handle file) { return mp4_write_time_code(file, n); });
+}
+
+// ---- A run ---------------------------------------------------------------------------------
+
+std::size_t Scenario::Now()
+{
+    return g_step;
+}
+
+void Scenario::Run(const std::string& path, ExternalIoFuncs* table, const Around& around)
+{
+    std::fill(m_results.begin(), m_results.end(), StepResult{});
+    std::fill(m_checkpoints.begin(), m_checkpoints.end(), 0);
+    mp4_handle file = nullptr;
+    for (g_step = 0; g_step < m_steps.size(); ++g_step) {
+        StepResult& result = m_results[g_step];
+        g_checkpoints = 0;
+        if (around)
+            around(true);
+        try {
+            result.value = g_step != 0
+                               ? m_steps[g_step].call(file)
+                               : mp4_create_file_adv_ex(path.c_str(), m_plan.flags, 4096, 32,
+                                                        table ? MP4_IO_EXTERNAL : MP4_IO_FILE,
+                                                        table, &file);
+            result.kind = StepResult::kStatus;
+        } catch (const kv_mp4_exception& error) {
+            result = {StepResult::kThrewCode, error.code};
+        } catch (const std::bad_alloc&) {
+            result = {StepResult::kThrewMemory, 0};
+        } catch (int number) {
+            result = {StepResult::kThrewInteger, number};
+        } catch (...) {
+            result = {StepResult::kThrewOther, 0};
+        }
+        if (around)
+            around(false);
+        m_checkpoints[g_step] = g_checkpoints;
+        if (!file)
+            return;
+    }
+}
+
+Counts Scenario::SamplesBefore(std::size_t step) const
+{
+    Counts counts;
+    for (const Track track : kAllTracks)
+        for (const Sample& sample : m_take.tracks[track])
+            counts.of[track] += sample.step < step;
+    return counts;
+}
+
+// ---- Quiet ---------------------------------------------------------------------------------
+
+Quiet::Quiet() : m_before(spdlog::default_logger())
+{
+    spdlog::set_default_logger(
+        std::make_shared<spdlog::logger>("faults", std::make_shared<CheckpointSink>()));
+    std::fflush(stdout);
+    m_stdout = dup(1);
+    const int nowhere = open("/dev/null", O_WRONLY | O_CLOEXEC);
+    dup2(nowhere, 1);
+    close(nowhere);
+}
+
+Quiet::~Quiet()
+{
+    std::fflush(stdout);
+    dup2(m_stdout, 1);
+    close(m_stdout);
+    spdlog::set_default_logger(std::static_pointer_cast<spdlog::logger>(m_before));
+}
+
+}  // namespace kvtest

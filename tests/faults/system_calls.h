@@ -1,0 +1,49 @@
+// Stands below the runtime's streams: every system call that they make for the files of one folder
+// comes by here and can be made to fail. A seccomp filter sends them, by the place in the runtime
+// that they are made from, so that the calls of a sanitizer and of the tests' own are not concerned.
+#pragma once
+
+#include <cstddef>
+#include <string>
+#include <vector>
+
+namespace kvtest {
+
+enum class SysCall { Open, Read, Write, Seek, Sync, Close, Truncate, Unlink };
+constexpr SysCall kAllSysCalls[] = {SysCall::Open,  SysCall::Read,     SysCall::Write,
+                                    SysCall::Seek,  SysCall::Sync,     SysCall::Close,
+                                    SysCall::Truncate, SysCall::Unlink};
+const char* NameOf(SysCall call);
+
+// Files whose names end in ".info" are logs, all others media.
+enum class SysFile { Media, Log };
+
+struct SysFault {
+    SysCall call = SysCall::Open;
+    SysFile file = SysFile::Media;
+    std::size_t n = 0;  // the call that fails, from 1; 0 for none
+    int error = 0;      // 0: nothing fails, but a read or write moves half of its bytes
+    bool forEver = false;
+    bool half = false;  // the call ahead of the first that fails moves half of its bytes
+};
+
+struct SysEvent {
+    SysCall call;
+    SysFile file;
+    std::size_t step;  // of the scenario
+    bool failed;
+};
+
+class SystemCalls {
+public:
+    // Once for a process. False where the system does not allow it.
+    static bool Install(const std::string& folder);
+    // From here on calls are noted, and one fails.
+    static void Watch(const SysFault& fault);
+    // No longer; what was noted.
+    static const std::vector<SysEvent>& Stop();
+    // For Scenario::Run: lets calls by while the library is not at work.
+    static void Around(bool inside);
+};
+
+}  // namespace kvtest

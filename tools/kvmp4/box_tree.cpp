@@ -349,7 +349,8 @@ bool LooksLikeBoxFile(const Box& tree)
 std::uint64_t FindMovie(ByteSource& source, std::uint64_t begin, std::uint64_t end)
 {
     constexpr std::size_t kPiece = 0x40000;
-    std::vector<char> piece(kPiece);
+    std::vector<char> piece(
+        static_cast<std::size_t>(std::min<std::uint64_t>(kPiece, end - std::min(begin, end))));
     for (std::uint64_t at = begin; at + 16 <= end;) {
         const std::size_t wanted =
             static_cast<std::size_t>(std::min<std::uint64_t>(kPiece, end - at));

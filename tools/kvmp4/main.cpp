@@ -1,4 +1,5 @@
 #include "failure.h"
+#include "inspect.h"
 #include "record.h"
 #include "repair.h"
 #include "verify.h"
@@ -92,6 +93,23 @@ change no verdict.
 Exit codes: 0 sound; 12 errors; 13 nothing worse than warnings; 2 usage; 3 the file cannot be opened
 or read; 14 it is neither an MP4 nor a MOV file.)";
 
+constexpr char kInspectHelp[] = R"(
+Shows what an MP4 or MOV file, whoever wrote it, is made of: its tracks in a line each, and its boxes
+with their places, sizes and fields; tables as runs, "3 x 40, 2 x 1", cut after a few unless --all is
+given. Fragments count in the tracks. Of a damaged file it shows what can be read and tells where
+reading met the damage.
+
+Given the log of a recording, FILE.info, it shows its header and tracks and counts its packets;
+--packets lists them.
+
+--map draws what lies where: boxes, the data of each track, movies no longer in force (the checkpoints
+of a recording with --safe), zeros and bytes that nothing refers to. A name that ends with .html makes
+a page, any other an SVG picture.
+
+Exit codes: 0 read whole; 12 damaged, and what could be read is shown; 2 usage; 3 the file cannot be
+opened or read; 5 the map cannot be created; 6 a write failed; 14 it is no MP4 or MOV file and no
+log.)";
+
 void OnSignal(int)
 {
     // A second Ctrl-C ends the process at once.
@@ -175,6 +193,16 @@ int main(int argc, char** argv)
     repair->add_flag("--json", repairOptions.json, "Report on standard output as JSON");
     repair->add_flag("-v,--verbose", repairOptions.verbose, "Show the logs");
 
+    InspectOptions inspectOptions;
+    CLI::App* inspect = app.add_subcommand("inspect", "Show what a file is made of");
+    inspect->footer(kInspectHelp);
+    inspect->add_option("file", inspectOptions.file, "The file, or a log, FILE.info")->required();
+    inspect->add_flag("--all", inspectOptions.all, "Show tables and texts whole");
+    inspect->add_flag("--packets", inspectOptions.packets, "List the packets of a log");
+    inspect->add_option("--map", inspectOptions.map, "Draw the file into this SVG or HTML file");
+    inspect->add_flag("--json", inspectOptions.json, "Show all as JSON");
+    inspect->add_flag("-y,--overwrite", inspectOptions.overwrite, "Overwrite the map");
+
     VerifyOptions verifyOptions;
     CLI::App* verify = app.add_subcommand("verify", "Judge the structure of an MP4 or MOV file");
     verify->footer(kVerifyHelp);
@@ -206,6 +234,8 @@ int main(int argc, char** argv)
     try {
         if (repair->parsed())
             return Repair(repairOptions);
+        if (inspect->parsed())
+            return Inspect(inspectOptions);
         if (verify->parsed())
             return Verify(verifyOptions);
         Record(options);

@@ -10,6 +10,7 @@
 
 #include <array>
 #include <cstddef>
+#include <memory>
 #include <string_view>
 
 namespace kv_log {
@@ -32,13 +33,17 @@ struct FunctionName {
     }
 };
 
+// spdlog's default logger, held for one line: another thread may replace it meanwhile. Null only
+// after the application has shut spdlog down.
+std::shared_ptr<spdlog::logger> Logger();
+void Replace(std::shared_ptr<spdlog::logger> logger);
+
 template <typename... Args>
 void Line(const spdlog::source_loc& where, spdlog::level::level_enum level,
           spdlog::format_string_t<Args...> format, Args&&... args)
 {
     const CErrnoKeeper keep;
-    // Null only after the application has shut spdlog down.
-    if (spdlog::logger* logger = spdlog::default_logger_raw())
+    if (const auto logger = Logger())
         logger->log(where, level, format, std::forward<Args>(args)...);
 }
 

@@ -73,8 +73,7 @@ void SetUpLogger(const spdlog::source_loc& where = Here())
         return;
     // To the logger that spdlog began with.
     kv_log::Line(where, spdlog::level::info, "lumivane mp4 library {}", kVersion);
-    spdlog::set_default_logger(
-        std::make_shared<spdlog::logger>("msvc_logger", platform::MakeLogSink()));
+    kv_log::Replace(std::make_shared<spdlog::logger>("msvc_logger", platform::MakeLogSink()));
     platform::SetUtf8Locale();
     g_loggerReady = true;
 }

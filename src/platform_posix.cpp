@@ -155,7 +155,17 @@ std::int64_t ClockMs()
 void SetUtf8Locale()
 {
     const CErrnoKeeper keep;
-    if (!std::setlocale(LC_ALL, "en_US.utf8"))
+    // A locale that is set already is left alone, and threads take turns: conversions on other
+    // threads use it meanwhile.
+    static std::mutex turn;
+    const std::lock_guard<std::mutex> hold(turn);
+    const auto is = [](const char* name) {
+        const char* const now = std::setlocale(LC_ALL, nullptr);
+        return now && std::strcmp(now, name) == 0;
+    };
+    if (is("en_US.utf8") || std::setlocale(LC_ALL, "en_US.utf8"))
+        return;
+    if (!is("C.UTF-8"))
         std::setlocale(LC_ALL, "C.UTF-8");
 }
 

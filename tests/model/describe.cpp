@@ -87,6 +87,9 @@ std::string Describe(const Opening& opening)
     if (opening.nullOut) {
         text += " no place for the handle";
     }
+    if (opening.start != 0) {
+        text += fmt::format(" from {} on", opening.start);
+    }
     if (opening.fault.refuseOpen) {
         text += " open refuses";
     }

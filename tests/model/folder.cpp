@@ -30,7 +30,8 @@ size_t Characters(const std::string& text)
 
 }  // namespace
 
-Folder::Folder(const std::string& parent) : m_root(parent + "/kvm" + std::to_string(getpid()))
+Folder::Folder(const std::string& parent, const std::string& name)
+    : m_root(parent + "/kvm" + name + std::to_string(getpid()))
 {
     fs::create_directories(m_root + "/movies");
     fs::create_directories(m_root + "/folder");

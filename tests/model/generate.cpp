@@ -115,6 +115,10 @@ Opening Maker::MakeOpening()
         if (m_random.Chance(4)) {
             opening.ioMode = m_random.Pick({1u, 3u, 4u, 0xFFFFFFFFu});
         }
+        if (m_random.Chance(8)) {
+            opening.start = m_random.Pick<uint64_t>({1, 0xFFFFFF00, 0xFFFFFFFF, 0x100000000}) +
+                            m_random.Spread(m_random.Chance(80) ? 8 : 42);
+        }
         opening.table = !m_random.Chance(2);
     }
     if (opening.create == Create::Front || opening.create == Create::FrontWide) {
@@ -328,6 +332,10 @@ Step Maker::Make(Call call)
                      m_random.Spread32(m_random.Chance(95) ? 13 : 32),
                      m_random.Spread32(m_random.Chance(95) ? 14 : 32),
                      m_random.Spread32(m_random.Chance(90) ? 15 : 32)};
+        if (m_random.Chance(15)) {  // about where the first sample goes
+            step.safe[1] = m_random.Below(60);
+            step.safe[3] = m_random.Pick({28u, 36u, 44u, 52u}) + m_random.Below(3) - 1;
+        }
         break;
     case Call::FlushInterval:
         step.number = m_random.Chance(90) ? m_random.Below(16) : m_random.Spread32(32);

@@ -1,5 +1,6 @@
 // The library, called through its exports, and all that it shows.
 #include "kv_mp4.h"
+#include "model/random.h"
 #include "model/run.h"
 
 #include <bit>
@@ -180,7 +181,8 @@ public:
         : m_sequence(sequence), m_place(place), m_expected(expected), m_seen(seen), m_log(log)
     {
     }
-    void Run();
+    bool DoNext();
+    void End();
 
 private:
     void Open();
@@ -240,6 +242,7 @@ void Session::Open()
     mp4_handle* out = opening.nullOut ? nullptr : &m_handle;
     m_sink.seen = &m_seen;
     m_sink.fault = opening.fault;
+    m_sink.position = opening.start;
     m_sink.path = wide;
     m_sink.blockSize = opening.blockSize;
     m_sink.blockCount = opening.blockCount;
@@ -267,12 +270,24 @@ void Session::Open()
     }
 }
 
-void Session::Run()
+// The next call; whether there was one.
+bool Session::DoNext()
 {
-    Open();
-    for (const Step& step : m_sequence.steps) {
-        Do(step);
+    m_log.m_seen = &m_seen;
+    if (m_seen.outcomes.empty()) {
+        Open();
+        return true;
     }
+    const size_t next = m_seen.outcomes.size() - 1;
+    if (next == m_sequence.steps.size()) {
+        return false;
+    }
+    Do(m_sequence.steps[next]);
+    return true;
+}
+
+void Session::End()
+{
     if (m_handle != nullptr && !m_ended) {
         Observed ignored;
         m_log.m_seen = &ignored;
@@ -450,6 +465,18 @@ void Save(const std::string& path, const Bytes& bytes)
     image.Save(path);
 }
 
+// The folder before a recording: nothing, or older files.
+void PutStale(const Sequence& sequence, const Place& place)
+{
+    const std::string info = place.path + ".info";
+    unlink(place.path.c_str());
+    unlink(info.c_str());
+    if (sequence.opening.stale && place.CanHoldFiles()) {
+        Save(place.path, kStale);
+        Save(info, kStale);
+    }
+}
+
 }  // namespace
 
 struct Library::Capture {
@@ -503,20 +530,48 @@ Library::~Library()
     m_capture->log->m_seen = nullptr;
 }
 
+std::array<Result, 2> Library::RunTogether(const std::array<Sequence, 2>& sequences,
+                                           const std::array<Prediction, 2>& predictions,
+                                           const std::array<const Folder*, 2>& folders)
+{
+    std::array<Result, 2> results;
+    std::array<Place, 2> places;
+    std::vector<std::unique_ptr<Session>> sessions;
+    for (size_t i = 0; i < 2; ++i) {
+        places[i] = folders[i]->Find(sequences[i].opening.path);
+        PutStale(sequences[i], places[i]);
+        sessions.push_back(std::make_unique<Session>(sequences[i], places[i],
+                                                     predictions[i].result.recording,
+                                                     results[i].recording, *m_capture->log));
+    }
+    for (const auto& session : sessions) {
+        session->DoNext();  // both are open before one ends, whose address could come again
+        results[session == sessions[0] ? 0 : 1].recording.printed += m_capture->TakeOutput();
+    }
+    Random random(sequences[0].seed);
+    std::array<bool, 2> more = {true, true};
+    while (more[0] || more[1]) {
+        const size_t turn = random.Below(2);
+        more[turn] = more[turn] && sessions[turn]->DoNext();
+        results[turn].recording.printed += m_capture->TakeOutput();
+    }
+    sessions[0]->End();
+    sessions[1]->End();
+    return results;
+}
+
 Result Library::Run(const Sequence& sequence, const Prediction& prediction, const Folder& folder)
 {
     const Place place = folder.Find(sequence.opening.path);
     const Planted& planted = prediction.planted;
     const std::string info = place.path + ".info";
-    unlink(place.path.c_str());
-    unlink(info.c_str());
-    if (sequence.opening.stale && place.CanHoldFiles()) {
-        Save(place.path, kStale);
-        Save(info, kStale);
-    }
+    PutStale(sequence, place);
     Result result;
-    m_capture->log->m_seen = &result.recording;
-    Session(sequence, place, prediction.result.recording, result.recording, *m_capture->log).Run();
+    Session session(sequence, place, prediction.result.recording, result.recording,
+                    *m_capture->log);
+    while (session.DoNext()) {
+    }
+    session.End();
     result.recording.printed = m_capture->TakeOutput();
     if (!prediction.result.repair) {
         return result;

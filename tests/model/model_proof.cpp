@@ -8,6 +8,7 @@
 #include "model/generate.h"
 #include "model/run.h"
 
+#include <array>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -34,7 +35,8 @@ struct Options {
 class Prover {
 public:
     Prover(const Options& options, std::FILE* report)
-        : m_options(options), m_report(report), m_folder(Parent())
+        : m_options(options), m_report(report), m_folder(Parent(), "a"),
+          m_otherFolder(Parent(), "b")
     {
     }
 
@@ -48,6 +50,9 @@ public:
             }
             if (!Difference(sequence).empty()) {
                 Report(i, sequence);
+                return false;
+            }
+            if (i % 8 == 0 && !Together(i, sequence)) {
                 return false;
             }
         }
@@ -69,6 +74,29 @@ private:
         Lie(prediction.result);
         const Result shown = m_library.Run(sequence, prediction, m_folder);
         return Compare(prediction.result, shown, sequence);
+    }
+
+    // With another recording open at the same time.
+    bool Together(uint64_t number, const Sequence& sequence)
+    {
+        const std::array<Sequence, 2> both = {
+            sequence, Generate((m_options.seed << 32) + number + (uint64_t{1} << 31))};
+        const std::array<const Folder*, 2> folders = {&m_folder, &m_otherFolder};
+        const std::array<Prediction, 2> predictions = {Predict(both[0], m_folder),
+                                                       Predict(both[1], m_otherFolder)};
+        const auto shown = m_library.RunTogether(both, predictions, folders);
+        for (size_t i = 0; i < 2; ++i) {
+            Result expected;
+            expected.recording = predictions[i].result.recording;
+            const std::string text = Compare(expected, shown[i], both[i]);
+            if (!text.empty()) {
+                fmt::print(m_report, "sequence {} of seed {} beside another: {}{}and\n{}", number,
+                           m_options.seed, text, Describe(both[i]), Describe(both[1 - i]));
+                std::fflush(m_report);
+                return false;
+            }
+        }
+        return true;
     }
 
     void Lie(Result& result) const
@@ -149,6 +177,7 @@ private:
     const Options& m_options;
     std::FILE* m_report;
     Folder m_folder;
+    Folder m_otherFolder;
     Library m_library;
 };
 

@@ -37,7 +37,8 @@ uint32_t Muxer::MakeFile(const Opening& opening, const Place& place)
             return 4;
         }
         m_external = true;
-        m_file = std::make_unique<FileTarget>(m_journal, Image(), true, opening.fault);
+        m_file =
+            std::make_unique<FileTarget>(m_journal, Image(), true, opening.fault, opening.start);
         return 0;
     default: return 0;
     }
@@ -216,11 +217,14 @@ std::optional<uint64_t> Muxer::NextPosition(uint64_t position)
 {
     const auto& [strategy, least, most, threshold] = m_safe;
     const uint64_t range = most - least;  // modulo 2 to the 32nd
+    const auto share = [&] {
+        return static_cast<int64_t>(range * position) / static_cast<int64_t>(threshold);
+    };
     switch (strategy) {
     case 0: return position + least;
     case 1:
         return position > threshold ? position + most
-                                    : position + least + range * position / threshold;
+                                    : position + least + static_cast<uint64_t>(share());
     case 2:
         // The quotient of position and threshold is 0 in the first row.
         return position < threshold ? position + (least ^ 3u) : position + most;

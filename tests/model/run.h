@@ -6,6 +6,7 @@
 #include "model/observed.h"
 #include "model/sequence.h"
 
+#include <array>
 #include <memory>
 #include <optional>
 #include <string>
@@ -15,7 +16,7 @@ namespace model {
 // The folder of the runs, with what sequences expect to find there.
 class Folder {
 public:
-    explicit Folder(const std::string& parent);
+    Folder(const std::string& parent, const std::string& name);
     ~Folder();
     Folder(const Folder&) = delete;
     Folder& operator=(const Folder&) = delete;
@@ -52,6 +53,10 @@ public:
     ~Library();
     Library(const Library&) = delete;
     Library& operator=(const Library&) = delete;
+    // Two recordings, their calls in turns by chance. Repairs are left out.
+    std::array<Result, 2> RunTogether(const std::array<Sequence, 2>& sequences,
+                                      const std::array<Prediction, 2>& predictions,
+                                      const std::array<const Folder*, 2>& folders);
     Result Run(const Sequence& sequence, const Prediction& prediction, const Folder& folder);
 
 private:

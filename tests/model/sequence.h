@@ -57,6 +57,7 @@ struct Opening {
     bool nullPath = false;
     bool nullOut = false;
     bool stale = false;  // both files exist already
+    uint64_t start = 0;  // the position of the caller's sink when it opens
     Fault fault;
 };
 

@@ -34,8 +34,10 @@ void Target::Guarded(const uint8_t* data, size_t size, bool whole)
     }
 }
 
-FileTarget::FileTarget(Journal& journal, Image image, bool external, const Fault& fault)
-    : Target(journal), m_image(std::move(image)), m_external(external), m_fault(fault)
+FileTarget::FileTarget(Journal& journal, Image image, bool external, const Fault& fault,
+                       uint64_t position)
+    : Target(journal), m_image(std::move(image)), m_external(external), m_fault(fault),
+      m_position(position)
 {
     m_state = State::Open;
     Note(SinkCall::Kind::Open, 1);

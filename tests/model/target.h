@@ -58,7 +58,8 @@ private:
 class FileTarget : public Target {
 public:
     // `external`: the caller's sink, which shows its calls.
-    FileTarget(Journal& journal, Image image, bool external, const Fault& fault);
+    FileTarget(Journal& journal, Image image, bool external, const Fault& fault,
+               uint64_t position = 0);
     uint64_t Tell() const override { return m_position; }
     void Seek(uint64_t position) override;
     void Flush();
@@ -72,7 +73,7 @@ private:
     bool m_external;
     Fault m_fault;
     bool m_failedOnce = false;
-    uint64_t m_position = 0;
+    uint64_t m_position;
     uint64_t m_taken = 0;
 };
 

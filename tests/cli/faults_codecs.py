@@ -61,6 +61,8 @@ simple("another_hevc_tier", "hevc", "hvcc-tier", "hvcC$", lambda e: e.flip(HVCC,
 simple("a_lower_hevc_level", "hevc", "hvcc-level", "hvcC$", lambda e: e.add(HVCC, 20, -3, 1))
 simple("compatible_with_more", "hevc", "hvcc-compatibility", "hvcC$",
        lambda e: e.put(HVCC, 10, 2 ** 32 - 1))
+simple("no_temporal_layer_but_more", "layers", "hvcc-layers", "hvcC$",
+       lambda e: e.put(HVCC, 29, e.get(HVCC, 29, 1) & ~0x38 | 0x08, 1))
 simple("hvcc_without_its_ones", "hevc", "hvcc-reserved", "hvcC$", lambda e: e.flip(HVCC, 21, 0x80))
 simple("another_hevc_chroma", "hevc", "hvcc-chroma", "hvcC$", lambda e: e.flip(HVCC, 24, 1))
 simple("another_hevc_depth", "hevc", "hvcc-depth", "hvcC$", lambda e: e.flip(HVCC, 25, 2))

@@ -70,6 +70,8 @@ OF_FFMPEG = {
     "hevc.mp4": [*BOTH, *HEVC, *AAC],
     "hvc1.mov": [*BOTH, *HEVC, "-tag:v", "hvc1", *AAC],
     "hvc1_10.mp4": [*BOTH, *HEVC, "-pix_fmt", "yuv420p10le", "-tag:v", "hvc1", *AAC],
+    "hevc_layers.mp4": [*BOTH, "-c:v", "libx265", "-preset", "ultrafast", "-x265-params",
+                        "log-level=none:temporal-layers=1:bframes=3:b-adapt=0", *AAC],
     "prores.mov": [*BOTH, "-c:v", "prores_ks", "-profile:v", "3", "-c:a", "pcm_s16le"],
     "prores4444.mov": [*BOTH, "-c:v", "prores_ks", "-profile:v", "4444", "-pix_fmt",
                        "yuva444p10", "-c:a", "pcm_s24le"],

@@ -56,35 +56,31 @@ class Case(unittest.TestCase):
         return path
 
 
+def promised(media):
+    """Fragments whose movie says beforehand how long they are."""
+    with open(media.of_ffmpeg("fragments.mp4"), "rb") as file:
+        editor = Editor(file.read())
+    header = box(b"mehd", bytes(4) + (2000).to_bytes(4, "big"))
+    begin = editor.begin("moov/mvex")
+    editor.splice("moov/mvex", editor.span("moov/mvex/trex[2]")[1] - begin, 0, header)
+    # The access points would have to move, too.
+    editor.data = editor.data[:editor.begin("mfra")]
+    for _, begin, _, kind, _ in list(walk(editor.data)):
+        if kind == b"tfhd" and editor.data[begin + 11] & 1:  # it names a place in the file
+            base = int.from_bytes(editor.data[begin + 16:begin + 24], "big") + len(header)
+            editor.data[begin + 16:begin + 24] = base.to_bytes(8, "big")
+    path = media.path("promised.mp4")
+    with open(path, "wb") as file:
+        file.write(editor.data)
+    return path
+
+
 def sources(media):
     """The files that faults are planted into."""
-    def promised():
-        path = media.path("promised.mp4")
-        if not os.path.exists(path):
-            with open(media.of_ffmpeg("fragments.mp4"), "rb") as file:
-                editor = Editor(file.read())
-            begin, end = editor.span("moov/mvex/trex[2]")
-            # Nothing counts from the beginning of this file, so that moov may grow.
-            editor.splice("moov/mvex", end - editor.begin("moov/mvex"), 0,
-                          box(b"mehd", bytes(4) + (2000).to_bytes(4, "big")))
-            editor.data = editor.data[:editor.begin("mfra")]
-            grow = 16
-            position = 0
-            with open(path, "wb") as file:
-                file.write(shifted(editor, grow))
-        return path
-
-    def shifted(editor, grow):
-        for way, begin, _, kind, _ in list(walk(editor.data)):
-            if kind == b"tfhd" and editor.data[begin + 11] & 1:
-                at = begin + 16
-                base = int.from_bytes(editor.data[at:at + 8], "big") + grow
-                editor.data[at:at + 8] = base.to_bytes(8, "big")
-        return editor.data
-
     return {
         "own": lambda: media.recorded("own.mp4", "h264", *TAGS),
         "hevc": lambda: media.recorded("own_hevc.mp4", "hevc"),
+        "layers": lambda: media.of_ffmpeg("hevc_layers.mp4"),
         "prores": lambda: media.recorded("own_prores.mov", "prores"),
         "tracks": lambda: media.recorded("own_tracks.mov", "h264", "-i", media.scc(),
                                          "--timecode", "00:00:00:00"),
@@ -93,7 +89,7 @@ def sources(media):
         "text": lambda: media.of_ffmpeg("text.mp4"),
         "fragments": lambda: media.of_ffmpeg("fragments.mp4"),
         "segments": lambda: media.of_ffmpeg("dash.mp4"),
-        "promised": promised,
+        "promised": lambda: promised(media),
     }
 
 
@@ -221,6 +217,29 @@ class Recordings(Case):
         result = run(KVMP4, "repair", "--force", path)
         self.assertEqual(result.returncode, 0, result.stderr)
         self.assert_sound(path)
+
+    def test_a_file_beyond_four_gibibytes(self):
+        with open(self.media.recorded("large.mp4", "h264", "--large-file"), "rb") as file:
+            editor = Editor(file.read())
+        begin = editor.begin("moov")
+        hole = 5 << 30
+        for track in (1, 2):
+            table = f"moov/trak[{track}]/mdia/minf/stbl/co64"
+            for n in range(editor.get(table, 12)):
+                editor.add(table, 16 + 8 * n, hole, 8)
+        editor.add("mdat", 8, hole, 8)
+        path = self.media.path("beyond.mp4")
+        with open(path, "wb") as file:  # the hole takes no room
+            file.write(editor.data[:52])
+            file.seek(hole, os.SEEK_CUR)
+            file.write(editor.data[52:])
+        self.assert_sound(path)
+        with open(path, "r+b") as file:
+            file.seek(hole + begin - 3)
+            file.truncate()
+        code, findings = self.verify(path)
+        self.assertEqual((code, findings[0]["code"]), (12, "box-beyond-file"))
+        os.remove(path)
 
     def test_a_recording_killed_before_its_first_checkpoint_is_damaged(self):
         with open(self.media.recorded("own.mp4", "h264", *TAGS), "rb") as file:

@@ -64,6 +64,8 @@ Place Folder::Find(const std::string& path) const
         place.openError = EISDIR;
     } else if (path == "folderlog.mp4") {
         place.infoOpenError = EISDIR;
+    } else if (path == "fulllog.mp4") {
+        place.logError = ENOSPC;
     }
     return place;
 }

@@ -99,10 +99,10 @@ Opening Maker::MakeOpening()
     }
     opening.path = m_random.Pick({"clip.mp4", "clip.mp4", "clip.mov"});
     if (m_random.Chance(12)) {
-        opening.path = m_random.Pick({"movies/clip.mp4", "CLIP.MOV", "clip", "caf\xC3\xA9.mp4",
-                                      "none/clip.mp4", "folder", "folderlog.mp4", "LONG1018",
-                                      "LONG1019", "LONG1022", "LONG1023", "a.mov.mp4", "CUT",
-                                      "\xE6\x97\xA5\xE6\x9C\xAC.mov", "\xF0\x9F\x8E\xAC.mp4"});
+        opening.path = m_random.Pick(
+            {"movies/clip.mp4", "CLIP.MOV", "clip", "caf\xC3\xA9.mp4", "none/clip.mp4", "folder",
+             "folderlog.mp4", "fulllog.mp4", "LONG1018", "LONG1019", "LONG1022", "LONG1023",
+             "a.mov.mp4", "CUT", "\xE6\x97\xA5\xE6\x9C\xAC.mov", "\xF0\x9F\x8E\xAC.mp4"});
     }
     opening.ioMode = m_random.Pick({0u, 2u, 2u});
     opening.create = m_random.Pick({Create::Adv, Create::AdvMultibyte});

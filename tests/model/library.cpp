@@ -475,6 +475,9 @@ void PutStale(const Sequence& sequence, const Place& place)
         Save(place.path, kStale);
         Save(info, kStale);
     }
+    if (place.logError != 0 && symlink("/dev/full", info.c_str()) != 0) {
+        throw std::runtime_error("no link to a full disk");
+    }
 }
 
 }  // namespace

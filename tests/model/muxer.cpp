@@ -69,6 +69,7 @@ uint32_t Muxer::Create(const Opening& opening, const Place& place)
             return StatusOf(place.infoOpenError);
         }
         m_logMade = m_logLeft = m_logOpen = true;
+        m_logError = place.logError;
         Log(Bin().U8(opening.flags).bytes);
     }
 
@@ -98,6 +99,13 @@ uint32_t Muxer::Create(const Opening& opening, const Place& place)
     }
     if (m_logOpen) {
         Log(Bin().U32(m_mdat).bytes);
+        if (place.logError != 0) {
+            m_journal.error = place.logError;
+            m_journal.Print(fmt::format("BaseIO : Error - [line *] Write error {} !\n\n",
+                                        std::strerror(place.logError)));
+            Close();
+            return StatusOf(place.logError);
+        }
         FlushLog();
     }
     m_data = m_file->Tell();
@@ -171,6 +179,9 @@ uint32_t Muxer::Close()
     uint32_t result = 0;
     if (m_file && m_file->m_state != State::Open) {
         result = StatusOf(m_file->m_error);
+    }
+    if (m_logOpen && m_logError != 0) {
+        m_journal.error = m_logError;  // closing the stream hands its bytes on
     }
     m_logOpen = false;
     try {

@@ -17,7 +17,9 @@ struct Place {
     std::string path;   // of the media file, in UTF-8
     std::string given;  // as multibyte text, which may go on where it is not valid
     size_t length = 0;  // in characters
-    bool CanHoldFiles() const { return openError == 0 && infoOpenError == 0 && length <= 1018; }
+    int logError = 0;   // and of handing the info file's bytes on
+    bool CanOpenFiles() const { return openError == 0 && infoOpenError == 0 && logError == 0; }
+    bool CanHoldFiles() const { return CanOpenFiles() && length <= 1018; }
     int openError = 0;      // errno of opening it for writing
     int infoOpenError = 0;  // and of path + ".info"
 };
@@ -78,6 +80,7 @@ private:
     std::unique_ptr<Tree> m_tree;
     bool m_safeMode = false, m_fastHeader = false, m_large = false, m_quickTime = false;
     bool m_logOpen = false;
+    int m_logError = 0;
     bool m_external = false;
     std::optional<uint64_t> m_nextMoov;
     uint64_t m_mdat = 0;

@@ -100,7 +100,7 @@ void Caller::Run(Planted& planted)
         const uint32_t status = Open();
         return front && status != 0 ? 1 : status;
     });
-    const bool logged = m_muxer.m_logLeft;
+    const bool logged = m_muxer.m_logLeft && m_place.logError == 0;
     for (const Step& step : m_sequence.steps) {
         if (step.call == Call::Close && m_muxer.File() != nullptr) {
             planted.media = m_muxer.File()->m_image;
@@ -119,7 +119,7 @@ void Caller::Run(Planted& planted)
     if (logged) {
         m_seen.info = m_muxer.m_log;
     }
-    m_seen.infoIsLeft = m_muxer.m_logLeft;
+    m_seen.infoIsLeft = m_muxer.m_logLeft && m_place.logError == 0;
     if (opening.stale && m_place.CanHoldFiles()) {
         if (!m_seen.media && opening.ioMode != 2) {
             m_seen.media.emplace().Write(0, kStale.data(), kStale.size());
@@ -302,7 +302,7 @@ Prediction Predict(const Sequence& sequence, const Folder& folder)
     Prediction prediction;
     Caller(sequence, folder, prediction.result.recording).Run(prediction.planted);
     const Place place = folder.Find(sequence.opening.path);
-    if (!sequence.repair || place.openError != 0 || place.infoOpenError != 0) {
+    if (!sequence.repair || !place.CanOpenFiles()) {
         return prediction;
     }
     const Repair& repair = *sequence.repair;

@@ -114,7 +114,6 @@ std::string Describe(const Repair& repair)
     std::string text =
         fmt::format("{}repair{} option {} errno {} runs {}", repair.front ? "kv_" : "",
                     repair.multibyte ? "_ex" : "", repair.option, repair.error, repair.runs);
-    text += repair.fit != 0 ? fmt::format(" fit {}", repair.fit) : "";
     text += repair.nullPath ? " null path" : "";
     text += repair.noMedia ? " no media" : "";
     text += repair.noLog ? " no log" : "";

@@ -114,6 +114,7 @@ std::string Describe(const Repair& repair)
     std::string text =
         fmt::format("{}repair{} option {} errno {} runs {}", repair.front ? "kv_" : "",
                     repair.multibyte ? "_ex" : "", repair.option, repair.error, repair.runs);
+    text += repair.fit != 0 ? fmt::format(" fit {}", repair.fit) : "";
     text += repair.nullPath ? " null path" : "";
     text += repair.noMedia ? " no media" : "";
     text += repair.noLog ? " no log" : "";

@@ -142,6 +142,7 @@ Repair Maker::MakeRepair()
     repair.multibyte = m_random.Chance(50);
     repair.option = m_random.Pick<uint8_t>({0, 0, 1, 255});
     repair.error = Error();
+    repair.fit = m_random.Chance(10) ? 6 + m_random.Below(4) : 0;
     repair.nullPath = m_random.Chance(1);
     repair.noMedia = m_random.Chance(2);
     repair.noLog = m_random.Chance(2);

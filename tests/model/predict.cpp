@@ -309,6 +309,15 @@ Prediction Predict(const Sequence& sequence, const Folder& folder)
     Planted& planted = prediction.planted;
     if (place.CanHoldFiles()) {
         Damage(planted, repair);
+        if (repair.fit != 0 && planted.media) {
+            Observed ignored;
+            Journal silent{&ignored, repair.error};
+            Repairer rehearsal(silent, planted.media, planted.log);
+            rehearsal.Run(place, 0);
+            if (rehearsal.End() != 0) {
+                planted.media->Resize(rehearsal.End() + repair.fit);
+            }
+        }
     } else {
         planted = Planted();
     }

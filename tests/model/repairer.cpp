@@ -21,7 +21,7 @@ Bytes Repairer::Take(uint32_t size)
 {
     if (m_log->empty() || uint64_t{m_at} + size > m_log->size() - 1) {
         m_journal.Print("[line *] Read EOF !\n");
-        throw End{};
+        throw Stop{};
     }
     const auto start = m_log->begin() + static_cast<ptrdiff_t>(m_at);
     m_at += size;
@@ -211,7 +211,7 @@ uint32_t Repairer::Rebuild()
         for (;;) {
             Packet();
         }
-    } catch (End) {
+    } catch (Stop) {
     } catch (const IoFailure& failure) {
         status = failure.code == 1000 ? 0 : StatusOf(failure.code);
     } catch (const OtherFailure&) {
@@ -248,7 +248,7 @@ uint32_t Repairer::Run(const Place& place, uint8_t option)
     uint32_t status = 0;
     try {
         status = Rebuild();
-    } catch (End) {
+    } catch (Stop) {
     }
     m_media = m_file->m_image;
     if (status != 0) {

@@ -19,11 +19,12 @@ public:
 
     uint32_t Run(const Place& place, uint8_t option);
 
+    uint64_t End() const { return m_end; }  // of the index
     std::optional<Image> Media() const { return m_media; }
     std::optional<Bytes> Log() const { return m_log; }
 
 private:
-    struct End {};  // the data end here
+    struct Stop {};  // the data end here
 
     uint64_t Number(int width);
     Bytes Take(uint32_t size);

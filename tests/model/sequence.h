@@ -103,7 +103,8 @@ struct Repair {
     std::vector<std::pair<uint64_t, uint8_t>> logFlips;  // position modulo the length, bits
     Bytes logTail;                                       // appended
     uint64_t mediaCut = UINT64_MAX;                      // modulo the file's length + 1
-    uint64_t mediaTail = 0;                              // bytes of 0xA5 appended
+    uint32_t fit = 0;  // the file ends so many bytes behind the index that the repair will write
+    uint64_t mediaTail = 0;  // bytes of 0xA5 appended
     uint32_t runs = 1;
 };
 

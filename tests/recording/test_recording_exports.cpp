@@ -6,6 +6,8 @@
 #include <spdlog/sinks/base_sink.h>
 #include <spdlog/spdlog.h>
 
+#include <cerrno>
+#include <cstring>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -73,6 +75,10 @@ TEST(NullRecords, Give4)
     mp4_handle handle = nullptr;
     EXPECT_EQ(mp4_create_file(nullptr, 0, &handle), 4u);
     EXPECT_EQ(mp4_create_file_ex("a", 0, nullptr), 4u);
+    EXPECT_EQ(mp4_create_file_adv(nullptr, 0, 0, 0, MP4_IO_FILE, nullptr, &handle), 4u);
+    EXPECT_EQ(mp4_create_file_adv_ex("a", 0, 0, 0, MP4_IO_FILE, nullptr, nullptr), 4u);
+    EXPECT_EQ(mp4_create_file_adv_ex(nullptr, 0, 0, 0, MP4_IO_FILE, nullptr, &handle), 4u);
+    EXPECT_EQ(handle, nullptr);
 }
 
 TEST(SafeParameters, ComeBackAsTheyWereSet)
@@ -135,6 +141,18 @@ TEST(APathThatIsNotValidInTheLocale, Gives1)
     mp4_handle handle = nullptr;
     EXPECT_EQ(mp4_create_file_ex("\xFF\xFE.mp4", 0, &handle), 1u);
     EXPECT_TRUE(log.Has("error wcstombs failed"));
+}
+
+// A lone surrogate, and what lies beyond the last code point.
+TEST(AWidePathThatNoFileCanHave, Gives1)
+{
+    for (const wchar_t* name : {L"\xD800.mp4", L"\x110000.mp4"}) {
+        LogCapture log;
+        mp4_handle handle = nullptr;
+        EXPECT_EQ(mp4_create_file_adv(name, 0, 0, 0, MP4_IO_FILE, nullptr, &handle), 1u);
+        EXPECT_EQ(handle, nullptr);
+        EXPECT_TRUE(log.Has("error open file failed, error:" + std::string(std::strerror(EILSEQ))));
+    }
 }
 
 TEST(ANonAsciiPath, KeepsItsNameInBothForms)

@@ -134,7 +134,6 @@ private:
 
     // The status that keeps a call from working, or nothing.
     std::optional<std::uint32_t> Refusal() const;
-    bool MoveMoovAhead(std::int64_t position);  // the checkpoint
 
     bool GetVideoCodecData(const CVideoFrameParser& parser);
     std::uint32_t AnnounceVideoTrack(const mp4_video_track_info& info);

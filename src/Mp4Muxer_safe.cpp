@@ -63,11 +63,6 @@ bool CMp4Muxer::CheckSafeWrite(std::uint32_t size)
     const std::int64_t margin = static_cast<std::int32_t>(2 * size);
     if (static_cast<std::uint64_t>(position) + static_cast<std::uint64_t>(margin) <= limit)
         return true;
-    return MoveMoovAhead(position);
-}
-
-bool CMp4Muxer::MoveMoovAhead(std::int64_t position)
-{
     const std::uint64_t next = CalcNextMoovPosition(position);
     // Kept: an unknown strategy has no place to go, so that the data runs over the moov in force;
     // callers learn it from the log alone.

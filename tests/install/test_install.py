@@ -108,11 +108,13 @@ class Installed(unittest.TestCase):
         project.mkdir()
         for version, refused in (("1.0", False), ("2.0", True)):
             (project / "CMakeLists.txt").write_text(
-                "cmake_minimum_required(VERSION 3.25)\nproject(wants LANGUAGES NONE)\n"
+                "cmake_minimum_required(VERSION 3.25)\nproject(wants LANGUAGES C)\n"
                 f"find_package(kv_mp4 {version} CONFIG REQUIRED)\n")
             result = subprocess.run(["cmake", "-S", project, "-B", project / version,
-                                     f"-DCMAKE_PREFIX_PATH={self.prefix}"], capture_output=True)
-            self.assertEqual(result.returncode != 0, refused, version)
+                                     f"-DCMAKE_PREFIX_PATH={self.prefix}"],
+                                    capture_output=True, text=True)
+            self.assertEqual(result.returncode != 0, refused, result.stderr)
+            self.assertEqual(f"version: {VERSION}" in result.stderr, refused, result.stderr)
 
     def test_a_compiler_finds_it_through_pkg_config(self):
         self.assertEqual(run("pkg-config", "--modversion", "kv_mp4", env=self.environment),
@@ -121,6 +123,21 @@ class Installed(unittest.TestCase):
         program = self.folder / "through_pkg_config"
         run(os.environ.get("CC", "cc"), "-std=c11", OUTSIDE / "outside.c", *flags, "-o", program)
         self.records(program, str(self.folder / "pkg.mov"))
+
+    def test_the_first_program_of_the_readme_records_a_picture(self):
+        readme = (OUTSIDE.parents[2] / "README.md").read_text()
+        source = self.folder / "first.c"
+        source.write_text(readme.split("```c\n")[1].split("```")[0])
+        flags = run("pkg-config", "--cflags", "--libs", "kv_mp4", env=self.environment).split()
+        run(os.environ.get("CC", "cc"), source, *flags, "-o", self.folder / "first")
+        picture = self.folder / "picture.h264"
+        run("ffmpeg", "-v", "error", "-f", "lavfi", "-i", "testsrc2=size=1920x1080",
+            "-frames:v", "1", "-c:v", "libx264", "-preset", "ultrafast", picture)
+        with open(picture, "rb") as camera:
+            run(self.folder / "first", stdin=camera, cwd=self.folder, env=self.environment)
+        self.assertEqual(run("ffprobe", "-v", "error", "-count_frames", "-show_entries",
+                             "stream=codec_name,width,height,nb_read_frames", "-of", "csv=p=0",
+                             self.folder / "first.mp4"), "h264,1920,1080,1")
 
     @unittest.skipUnless(TOOLS, "built without the tools")
     def test_the_installed_tool_runs(self):

@@ -134,6 +134,16 @@ TEST_F(TimeToSample, TheSizeLacksTheOpenRunUntilTheFirstWrite)
     EXPECT_EQ(box.GetSize(), 24u);
 }
 
+TEST_F(TimeToSample, ARunCompletedBetweenTwoWritesDoesNotShowInTheSizeUntilTheSecond)
+{
+    Times({0, 40, 80});
+    EXPECT_EQ(Written().size(), 24u);
+    Times({90});
+    EXPECT_EQ(box.GetSize(), 24u);
+    EXPECT_EQ(Written().size(), 32u);
+    EXPECT_EQ(box.GetSize(), 32u);
+}
+
 // ---- ctts ----------------------------------------------------------------------------------
 
 TEST_F(CompositionOffset, RunsAreOfEqualOffsets)
@@ -152,6 +162,27 @@ TEST_F(CompositionOffset, AnOffsetBeyond32BitsNeverExtendsARun)
     box.AddSample(0x100000000, 0);
     EXPECT_BYTES(Written(), Hex("00000020 'ctts' 00000000 00000002 00000001 00000000"
                                 "00000001 00000000"));
+}
+
+TEST_F(CompositionOffset, EqualNegativeOffsetsShareARun)
+{
+    box.AddSample(100, 160);
+    box.AddSample(100, 160);
+    EXPECT_BYTES(Written(), Hex("00000018 'ctts' 00000000 00000001 00000002 ffffffc4"));
+}
+
+TEST_F(CompositionOffset, AWriteTakesTheEntriesAndLeavesTheOpenRun)
+{
+    box.AddSample(40, 40);
+    box.AddSample(120, 80);
+    EXPECT_BYTES(Written(), Hex("00000020 'ctts' 00000000 00000002 00000001 00000000"
+                                "00000001 00000028"));
+    EXPECT_BYTES(Written(), Hex("00000018 'ctts' 00000000 00000001 00000001 00000028"));
+}
+
+TEST_F(CompositionOffset, WithoutSamplesThereIsAnEmptyRun)
+{
+    EXPECT_BYTES(Written(), Hex("00000018 'ctts' 00000000 00000001 00000000 00000000"));
 }
 
 TEST_F(CompositionOffset, TheSizeIsAConstant)
@@ -257,6 +288,28 @@ TEST_F(SampleToChunk, TwoWritesAreAlike)
     Chunk(3);
     Chunk(1);
     EXPECT_EQ(Written(), Written());
+}
+
+TEST_F(SampleToChunk, ASampleThatLevelsTheLastChunkTakesAnEntryAway)
+{
+    Chunk(3);
+    Chunk(2);
+    EXPECT_BYTES(Written(), Hex("00000028 'stsc' 00000000 00000002 00000001 00000003 00000001"
+                                "00000002 00000002 00000001"));
+    box.AddSample(false);
+    EXPECT_BYTES(Written(), Hex("0000001c 'stsc' 00000000 00000001 00000001 00000003 00000001"));
+    EXPECT_EQ(box.GetSize(), 28u);
+    box.AddSample(false);
+    EXPECT_BYTES(Written(), Hex("00000028 'stsc' 00000000 00000002 00000001 00000003 00000001"
+                                "00000002 00000004 00000001"));
+    EXPECT_EQ(box.GetSize(), 40u);
+}
+
+TEST_F(SampleToChunk, ASampleAheadOfTheFirstChunkLeavesNoTraceInIt)
+{
+    box.AddSample(false);
+    box.AddSample(true);
+    EXPECT_BYTES(Written(), Hex("0000001c 'stsc' 00000000 00000001 00000001 00000001 00000001"));
 }
 
 // 16 + 12 * 5460 is 65536: the longest table that stands in memory as a whole.
@@ -372,6 +425,14 @@ TEST_F(Stbl, WithCo64TheOffsetsHave64Bits)
                  Hex("00000018 'co64' 00000000 00000001 0000000100000000"));
 }
 
+TEST_F(Stbl, With64BitOffsetsTheSizeCountsThem)
+{
+    box.m_useCo64 = true;
+    Add(36, 0, true);
+    const std::string bytes = Written();
+    EXPECT_EQ(box.GetSize(), bytes.size());
+}
+
 TEST_F(Stbl, TheSizeIsExactAfterAWrite)
 {
     Add(36, 0, true);
@@ -432,4 +493,12 @@ TEST_F(TimeCodeStbl, CanHave64BitOffsets)
     box.m_useCo64 = true;
     box.AddSample(0x100000000, true);
     EXPECT_EQ(Tree(Written()), "stbl(stsd stts stsc stsz co64)");
+}
+
+TEST_F(TimeCodeStbl, With64BitOffsetsTheSizeCountsThem)
+{
+    box.m_useCo64 = true;
+    box.AddSample(36, true);
+    const std::string bytes = Written();
+    EXPECT_EQ(box.GetSize(), bytes.size());
 }

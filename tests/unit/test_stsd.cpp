@@ -463,13 +463,65 @@ TEST_F(VideoEntry, AnInvalidFormatLeavesAnEarlierOneInForce)
     CLogLines log;
     SetProRes(0xFFFFFFFF);
     EXPECT_EQ(log.Text(), "error invalid prores format 4294967295\n");
-    EXPECT_BYTES(Entry().substr(4, 4), "ap4h");
+    const std::string entry = Entry();
+    EXPECT_BYTES(entry.substr(4, 4), "ap4h");
+    EXPECT_BYTES(entry.substr(50, 34), Hex("11 'Apple ProRes 4444'") + Zeros(14) + Hex("0020"));
+}
+
+// The family stays ProRes, so that the rest of the entry does, with the configuration behind it.
+TEST_F(VideoEntry, OfH264BehindProResMixesBoth)
+{
+    SetProRes(4);
+    std::memcpy(&box.m_fourcc, "avc1", 4);
+    box.m_avcc.SetCodecData(Record(MP4_VIDEO_H264, "", kAvcSps, kAvcPps));
+    const std::string entry = Entry();
+    EXPECT_BYTES(entry.substr(4, 4), "avc1");
+    EXPECT_BYTES(entry.substr(20, 4), "appl");
+    EXPECT_BYTES(entry.substr(50, 34), Hex("11 'Apple ProRes 4444'") + Zeros(14) + Hex("0018"));
+    EXPECT_EQ(Tree(entry.substr(86)), "fiel pasp avcC");
+}
+
+TEST_F(VideoEntry, OfAnInvalidProResFormatBehindH264LosesItsType)
+{
+    CLogLines log;
+    std::memcpy(&box.m_fourcc, "avc1", 4);
+    SetProRes(6);
+    const std::string entry = Entry();
+    EXPECT_EQ(entry.size(), 112u);
+    EXPECT_BYTES(entry.substr(4, 4), Zeros(4));
+    EXPECT_BYTES(entry.substr(20, 4), "appl");
+    EXPECT_EQ(Tree(entry.substr(86)), "fiel pasp");
+}
+
+TEST_F(VideoEntry, OfProRes422Has112Bytes)
+{
+    SetProRes(2);
+    box.m_width = 1920;
+    box.m_height = 1080;
+    EXPECT_BYTES(Entry(), Hex("00000070 'apcn' 000000000000 0001 0000 0000 'appl' 00000000 00000000"
+                              "0780 0438 00480000 00480000 00000000 0001 10 'Apple ProRes 422'") +
+                              Zeros(15) + Hex("0018 ffff 0000000a 'fiel' 01 00"
+                                              "00000010 'pasp' 00000001 00000001"));
 }
 
 TEST_F(VideoEntry, ALongCompressorNameIsCutAt31ButNotItsLength)
 {
     box.m_compressor = std::string(40, 'x');
     EXPECT_BYTES(Entry().substr(50, 32), Hex("28") + std::string(31, 'x'));
+}
+
+TEST_F(VideoEntry, ACompressorNameOf31CharactersFillsItsField)
+{
+    box.m_compressor = std::string(31, 'x');
+    EXPECT_BYTES(Entry().substr(50, 34), Hex("1f") + std::string(31, 'x') + Hex("0018"));
+    box.m_compressor = std::string(32, 'x');
+    EXPECT_BYTES(Entry().substr(50, 34), Hex("20") + std::string(31, 'x') + Hex("0018"));
+}
+
+TEST_F(VideoEntry, TheLengthOfACompressorNameHas8Bits)
+{
+    box.m_compressor = std::string(300, 'x');
+    EXPECT_BYTES(Entry().substr(50, 34), Hex("2c") + std::string(31, 'x') + Hex("0018"));
 }
 
 TEST(Fiel, IsWrittenOnlyWhenAsked)
@@ -513,6 +565,12 @@ TEST_F(AudioEntry, RatesFrom65536OnAreZero)
     EXPECT_BYTES(Written().substr(48, 4), Hex("0000 0000"));
 }
 
+TEST_F(AudioEntry, ANegativeRateKeepsItsLow16Bits)
+{
+    box.m_sampleRate = -1;
+    EXPECT_BYTES(Written().substr(48, 4), Hex("ffff 0000"));
+}
+
 TEST_F(AudioEntry, TwoWritesAreAlike)
 {
     box.m_mov = true;
@@ -531,6 +589,18 @@ TEST(Esds, WithoutAConfigurationItHas44Bytes)
     EXPECT_BYTES(on.Written(), Hex("0000002c 'esds' 00000000 03 80808022 0000 00 04 80808014 40 15"
                                    "000000 00000000 00000000 06 80808001 02"));
     EXPECT_EQ(on.box.GetSize(), 44u);
+}
+
+// The outer lengths are constants, right for two bytes alone.
+TEST(Esds, AConfigurationOfFiveBytesChangesOnlyItsOwnLength)
+{
+    On<CMp4EsdsAtom> on;
+    on.box.m_configSize = 5;
+    on.box.m_config.reset(new std::uint8_t[5]{1, 2, 3, 4, 5});
+    EXPECT_BYTES(on.Written(), Hex("00000036 'esds' 00000000 03 80808022 0000 00 04 80808014 40 15"
+                                   "000000 00000000 00000000 05 80808005 0102030405"
+                                   "06 80808001 02"));
+    EXPECT_EQ(on.box.GetSize(), 54u);
 }
 
 TEST_F(AudioEntry, EsdsWithATwoByteConfigurationHas51Bytes)

@@ -153,6 +153,22 @@ TEST_F(Metadata, BinaryValuesAreMarkedAsText)
                              "00000001 00000000 000100"));
 }
 
+TEST_F(Metadata, AnEmptyNamespaceIsFourZeros)
+{
+    SetEx("com.a", "1", MP4_METADATA_TEXT, "");
+    EXPECT_BYTES(Keys().substr(16), Hex("0000000d 00000000 'com.a'"));
+}
+
+TEST_F(Metadata, AnEmptyValueByIndexIsAnItem)
+{
+    for (const std::uint32_t type : {MP4_METADATA_BINARY, MP4_METADATA_TEXT}) {
+        On<CMp4UdtaAtom> on;
+        EXPECT_TRUE(on.box.m_meta.SetMetadata("com.e", "", 0, type, nullptr));
+        EXPECT_BYTES(Find(on.Written(), "udta/meta/ilst"),
+                     Hex("00000020 'ilst' 00000018 00000001 00000010 'data' 00000001 00000000"));
+    }
+}
+
 TEST_F(Metadata, TextEndsAtItsTerminatorWhateverTheSize)
 {
     box.m_meta.SetMetadata("com.t", "AB\0CD", 5, MP4_METADATA_TEXT, nullptr);
@@ -173,6 +189,13 @@ TEST_F(Metadata, AShortIntegerIsPaddedWithZeros)
     box.m_meta.SetMetadata("com.i", &value, 2, MP4_METADATA_INTEGER, nullptr);
     const bool little = std::endian::native == std::endian::little;
     EXPECT_EQ(U32At(Ilst(), 32), little ? 0x0304u : 0x01020000u);
+}
+
+TEST_F(Metadata, AnIntegerWithoutASizeIsZero)
+{
+    EXPECT_TRUE(box.m_meta.SetMetadata("com.i", "\1", 0, MP4_METADATA_INTEGER, nullptr));
+    EXPECT_BYTES(Ilst().substr(8), Hex("0000001c 00000001 00000014 'data' 00000015 00000000"
+                                       "00000000"));
 }
 
 TEST_F(Metadata, ALongIntegerIsCutToItsFirst32Bits)

@@ -97,6 +97,13 @@ TEST(Handler, OfTheDataReference)
     EXPECT_EQ(Size<CMp4UrlHdlrAtom>(), 44u);
 }
 
+// Each kind has its own; this one is of no box.
+TEST(Handler, OfNoKindCountsItsCommonPart)
+{
+    On<CMp4VideoHdlrAtom> on;
+    EXPECT_EQ(on.box.CMp4HdlrAtom::GetSize(), 24u);
+}
+
 TEST(Handler, IsOneWrite)
 {
     On<CMp4VideoHdlrAtom> on;
@@ -202,6 +209,16 @@ TEST(Media, SizesAreExactForCaptionsAndTimeCode)
     EXPECT_EQ(timeCode.box.GetSize(), timeCode.Written().size());
     timeCode.box.m_minf.m_useNmhd = true;
     EXPECT_EQ(timeCode.box.GetSize(), timeCode.Written().size());
+}
+
+TEST(Media, SizesAreExactWith64BitOffsets)
+{
+    On<CMp4TCMdiaAtom> timeCode;
+    timeCode.box.m_minf.m_stbl.m_useCo64 = true;
+    timeCode.box.m_minf.m_stbl.AddSample(36, true);
+    const std::string bytes = timeCode.Written();
+    EXPECT_EQ(timeCode.box.m_minf.GetSize(), Find(bytes, "mdia/minf").size());
+    EXPECT_EQ(timeCode.box.GetSize(), bytes.size());
 }
 
 TEST(Media, OnlyVideoAndAudioKnowTheirDataSize)

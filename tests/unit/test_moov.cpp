@@ -108,6 +108,14 @@ TEST(MovieHeader, Version1)
     EXPECT_EQ(on.box.GetSize(), 120u);
 }
 
+TEST(MovieHeader, AnyOtherVersionIsWrittenAs1)
+{
+    On<CMp4MvhdAtom> on;
+    on.box.m_version = 2;
+    EXPECT_BYTES(on.Written().substr(8, 4), Hex("01000000"));
+    EXPECT_EQ(on.Written().size(), 120u);
+}
+
 // ---- Set-up --------------------------------------------------------------------------------
 
 TEST_F(Movie, IdsFollowTheOrderOfTheCalls)
@@ -420,6 +428,19 @@ TEST_F(Movie, AudioMakesTheSizeWarning)
                               ", m_trakSubtitle size:0, m_trackTC size:0, m_udta size:61\n");
 }
 
+// 29 bytes of "keys" and 26 of its value are not counted.
+TEST_F(Movie, AComKeyMakesTheSizeWarning)
+{
+    SetVideo();
+    AddVideo(0);
+    EXPECT_TRUE(box.m_udta.m_meta.SetMetadata("com.x", "AB", 0, MP4_METADATA_TEXT, nullptr));
+    const std::size_t size = Written().size();
+    EXPECT_NE(log.Text().find("warning calc size(" + std::to_string(size - 55) +
+                              ") not equal to moov real size:" + std::to_string(size) + "\n"),
+              std::string::npos);
+    EXPECT_NE(log.Text().find(", m_udta size:61\n"), std::string::npos);
+}
+
 TEST_F(Movie, TwoWritesAreAlike)
 {
     AllTracks();
@@ -449,7 +470,14 @@ TEST_F(Movie, WithoutUsableParameterSetsTheWriteRaises49)
     SetVideo();
     AddVideo(0);
     testing::internal::CaptureStdout();
-    EXPECT_THROW(Written(), int);
+    int raised = 0;
+    try {
+        Written();
+    } catch (int value) {
+        raised = value;
+    }
+    EXPECT_EQ(raised, 49);
+    EXPECT_EQ(log.Text(), "");
     EXPECT_EQ(testing::internal::GetCapturedStdout(),
               "LibMp4 : Error - Invalid sps(3) or pps(2) size !\n");
 }

@@ -67,6 +67,25 @@ TEST(TrackHeader, ATrackThatIsNotEnabledHasFlags2)
     EXPECT_BYTES(on.Written().substr(8, 4), Hex("00000002"));
 }
 
+TEST(TrackHeader, AnyOtherVersionIsWrittenAs1)
+{
+    On<CMp4TkhdAtom> on;
+    on.box.m_version = 2;
+    EXPECT_BYTES(on.Written().substr(8, 4), Hex("01000003"));
+    EXPECT_EQ(on.Written().size(), 104u);
+}
+
+// The field has 16 bits; the volume looks at the whole width.
+TEST(TrackHeader, AWidthBeyond16BitsIsCutAndSilencesTheTrack)
+{
+    On<CMp4TkhdAtom> on;
+    on.box.m_width = 0x10000;
+    EXPECT_BYTES(on.Written().substr(44, 2), Hex("0000"));
+    EXPECT_BYTES(on.Written().substr(84, 4), Hex("00000000"));
+    on.box.m_width = 0x10780;
+    EXPECT_BYTES(on.Written().substr(84, 4), Hex("07800000"));
+}
+
 TEST(EditList, Version0)
 {
     On<CMp4EdtsAtom> on;
@@ -158,6 +177,15 @@ TEST_F(VideoTrack, TheSizeCountsTheReference)
     Add(0);
     box.AddTrackReference(7);
     const std::string bytes = Written();
+    EXPECT_EQ(box.GetSize() + 26, bytes.size());
+}
+
+TEST_F(VideoTrack, TheSizeCounts64BitOffsets)
+{
+    box.m_mdia.m_minf.m_stbl.m_useCo64 = true;
+    Add(0);
+    const std::string bytes = Written();
+    EXPECT_EQ(Find(bytes, "trak/mdia/minf/stbl/co64").size(), 24u);
     EXPECT_EQ(box.GetSize() + 26, bytes.size());
 }
 
@@ -338,4 +366,18 @@ TEST_F(TimeCodeTrack, LongDurationsTouchThreeBoxes)
     EXPECT_EQ(Find(bytes, "trak/edts/elst").size(), 36u);
     EXPECT_EQ(Find(bytes, "trak/mdia/mdhd").size(), 44u);
     EXPECT_EQ(box.GetSize(), bytes.size());
+}
+
+TEST(Captions, CanHaveLongDurationsToo)
+{
+    On<CMp4SubtitleTrakAtom> on;
+    on.box.m_trackId = 1;
+    on.box.m_movieTimescale = 1000;
+    on.box.m_mdia.m_minf.m_stbl.AddSample(36, 10, 0, 0, true);
+    on.box.m_sampleCount = 1;
+    on.box.SetLongDuration();
+    const std::string bytes = on.Written();
+    EXPECT_EQ(Find(bytes, "trak/tkhd").size(), 104u);
+    EXPECT_EQ(Find(bytes, "trak/edts/elst").size(), 36u);
+    EXPECT_EQ(Find(bytes, "trak/mdia/mdhd").size(), 44u);
 }

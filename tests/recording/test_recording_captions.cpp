@@ -217,6 +217,38 @@ TEST_P(Cea708, AFrameOfTheOtherKindIsMalformed)
     EXPECT_THAT(Close(), ElementsAre(Bytes{}));
 }
 
+// ---- The writes ------------------------------------------------------------------------------
+
+namespace {
+
+// The calls that one frame makes on the caller's output.
+std::vector<std::string> CallsOf(std::uint32_t codec, const Bytes& frame)
+{
+    ExternalSink sink;
+    Recording rec(sink);
+    SetCaptions(rec, codec);
+    sink.ForgetCalls();
+    EXPECT_EQ(Caption(rec, frame), 0u);
+    return sink.Calls();
+}
+
+}  // namespace
+
+TEST(ACaption, GoesOutInOneWriteAnEntryOrInHeaderAndData)
+{
+    EXPECT_THAT(CallsOf(MP4_SUBTITLE_CEA608, Hex("61 02 00  00 94 20  01 94 2C")),
+                ElementsAre("write 10", "write 10"));
+    EXPECT_THAT(CallsOf(MP4_SUBTITLE_CEA708, Hex("61 01 04  96 69 04 4F")),
+                ElementsAre("write 8", "write 4"));
+}
+
+TEST(ACaption, WithoutDataIsOneWriteAndAMalformedOneNone)
+{
+    EXPECT_THAT(CallsOf(MP4_SUBTITLE_CEA708, Hex("61 01 00")), ElementsAre("write 8"));
+    EXPECT_THAT(CallsOf(MP4_SUBTITLE_CEA708, Hex("61 01 01")), IsEmpty());
+    EXPECT_THAT(CallsOf(MP4_SUBTITLE_CEA608, Hex("61 02 00  00 94")), IsEmpty());
+}
+
 // ---- Missing tracks --------------------------------------------------------------------------
 
 TEST(ACaptionFrame, WithoutATrackGives6AndWritesNothing)
@@ -346,6 +378,21 @@ TEST(CaptionChunks, HoldSuccessiveSamplesAndEmptyOnesTakeNoRoom)
     EXPECT_EQ(Words(file.Box(kTables + "stco"), 12), (Numbers{1, 44}));
     EXPECT_THAT(Samples(file, "trak.clcp"),
                 ElementsAre(Hex("0000000A 'cdat' 94 20"), Bytes{}, Hex("0000000A 'cdt2' 94 2C")));
+}
+
+// A sample of no bytes ends the chunk of the video all the same.
+TEST(CaptionChunks, OpenForAMalformedFrameBetweenPictures)
+{
+    Recording rec;
+    rec.SetH264();
+    SetCaptions(rec, MP4_SUBTITLE_CEA608);
+    rec.FramesAt({0});  // 14 bytes in the file
+    EXPECT_EQ(Caption(rec, {}, 0), 0u);
+    rec.FramesAt({40});
+    const BoxFile file = rec.Close();
+    EXPECT_EQ(Words(file.Box(kTables + "stco"), 12), (Numbers{1, 58}));
+    EXPECT_EQ(Words(file.Box(kTables + "stsz"), 12), (Numbers{0, 1}));
+    EXPECT_EQ(Words(file.Box("moov/trak.vide/mdia/minf/stbl/stco"), 12), (Numbers{2, 44, 58}));
 }
 
 TEST(CaptionChunks, NeverHave64BitOffsets)

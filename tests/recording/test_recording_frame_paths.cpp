@@ -4,6 +4,7 @@
 #include "support/file_size_limit.h"
 #include "support/recording.h"
 #include "support/samples.h"
+#include "support/throwing_writes.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -144,30 +145,6 @@ namespace {
 const std::pair<int, std::uint32_t> kStatuses[] = {
     {EPERM, 11}, {ENOENT, 12}, {EACCES, 13}, {EBUSY, 14}, {EMFILE, 15},
     {ENOSPC, 16}, {EROFS, 17}, {EIO, 1},    {1000, 0}};
-
-// Makes the writes of a sink end in an exception that is none of the library's, after so many good
-// ones.
-class ThrowingWrites {
-public:
-    ThrowingWrites(ExternalSink& sink, int good) : m_table(sink.Table())
-    {
-        g_write = m_table->write;
-        g_good = good;
-        m_table->write = [](void* context, const void* data, std::uint32_t size) {
-            if (g_good-- == 0)
-                throw std::runtime_error("an output of the caller's");
-            return g_write(context, data, size);
-        };
-    }
-    ~ThrowingWrites() { m_table->write = g_write; }
-    ThrowingWrites(const ThrowingWrites&) = delete;
-    ThrowingWrites& operator=(const ThrowingWrites&) = delete;
-
-private:
-    ExternalIoFuncs* m_table;
-    static inline decltype(ExternalIoFuncs::write) g_write = nullptr;
-    static inline int g_good = 0;
-};
 
 }  // namespace
 

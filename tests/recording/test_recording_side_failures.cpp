@@ -1,14 +1,16 @@
 // Captions and time code where something fails, under checkpoints, and in the info file.
 #include "support/external_sink.h"
 #include "support/file_size_limit.h"
+#include "support/kept_log.h"
 #include "support/recording.h"
 #include "support/samples.h"
+#include "support/throwing_writes.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <cerrno>
-#include <stdexcept>
+#include <thread>
 
 using namespace kvtest;
 using testing::ElementsAre;
@@ -18,6 +20,12 @@ namespace {
 
 const Bytes kFrame608 = Hex("61 02 00  00 94 20  01 94 2C");  // two atoms, 20 bytes
 const Bytes kFrame708 = Hex("61 01 04  96 69 04 4F");         // header and data, 12 bytes
+
+const std::string kCaptions = "moov/trak.clcp/mdia/minf/stbl/";
+
+const std::pair<int, std::uint32_t> kStatuses[] = {
+    {EPERM, 11}, {ENOENT, 12}, {EACCES, 13}, {EBUSY, 14}, {EMFILE, 15},
+    {ENOSPC, 16}, {EROFS, 17}, {EIO, 1},    {1000, 0}};
 
 std::uint32_t SetCaptions(mp4_handle file, std::uint32_t codec)
 {
@@ -43,8 +51,7 @@ public:
     explicit SinkFile(const wchar_t* name = L"clip.mp4")
     {
         testing::internal::CaptureStdout();
-        table = sink.Table();
-        EXPECT_EQ(mp4_create_file_adv(name, 0, 0, 0, MP4_IO_EXTERNAL, table, &file), 0u);
+        EXPECT_EQ(mp4_create_file_adv(name, 0, 0, 0, MP4_IO_EXTERNAL, sink.Table(), &file), 0u);
     }
     ~SinkFile()
     {
@@ -63,15 +70,8 @@ public:
 
     LogCapture log;
     ExternalSink sink;
-    ExternalIoFuncs* table = nullptr;
     mp4_handle file = nullptr;
 };
-
-// Writes of the output that end in something that is none of the library's exceptions.
-std::int32_t ThrowingWrite(void*, const void*, std::uint32_t)
-{
-    throw std::runtime_error("an output of the caller's");
-}
 
 }  // namespace
 
@@ -99,10 +99,7 @@ TEST(ACaptionWriteThatFails, GivesItsStatusAndEntersNoSample)
 
 TEST(ACaptionWriteThatFails, HasTheStatusOfItsErrno)
 {
-    const std::pair<int, std::uint32_t> statuses[] = {
-        {EPERM, 11}, {ENOENT, 12}, {EACCES, 13}, {EBUSY, 14}, {EMFILE, 15},
-        {ENOSPC, 16}, {EROFS, 17}, {EIO, 1},    {1000, 0}};
-    for (const auto& [error, status] : statuses) {
+    for (const auto& [error, status] : kStatuses) {
         SinkFile out;
         SetCaptions(out.file, MP4_SUBTITLE_CEA608);
         out.sink.FailWrite(1, error);
@@ -116,11 +113,11 @@ TEST(ACaptionWriteThatThrowsAnythingElse, Gives1AndEntersNoSample)
         SinkFile out;
         SetCaptions(out.file, codec);
         const std::uint32_t before = mp4_get_moov_size(out.file);
-        const auto working = out.table->write;
-        out.table->write = ThrowingWrite;
-        EXPECT_EQ(Caption(out.file, codec == 1 ? kFrame608 : kFrame708), 1u);
+        {
+            const ThrowingWrites throwing(out.sink, 0);
+            EXPECT_EQ(Caption(out.file, codec == 1 ? kFrame608 : kFrame708), 1u);
+        }
         EXPECT_EQ(mp4_get_moov_size(out.file), before);
-        out.table->write = working;
         // The writer did not fail: the next frame takes the place of the lost one.
         EXPECT_EQ(Caption(out.file, codec == 1 ? kFrame608 : kFrame708, 40), 0u);
         EXPECT_EQ(out.Close(), 0u);
@@ -144,14 +141,83 @@ TEST(ATimeCodeWriteThatThrowsAnythingElse, Gives1AndEntersNoSample)
     SinkFile out;
     SetTimeCode(out.file);
     const std::uint32_t before = mp4_get_moov_size(out.file);
-    const auto working = out.table->write;
-    out.table->write = ThrowingWrite;
-    EXPECT_EQ(mp4_write_time_code(out.file, 1), 1u);
+    {
+        const ThrowingWrites throwing(out.sink, 0);
+        EXPECT_EQ(mp4_write_time_code(out.file, 1), 1u);
+    }
     EXPECT_EQ(mp4_get_moov_size(out.file), before);
-    out.table->write = working;
     EXPECT_EQ(mp4_write_time_code(out.file, 2), 0u);
     EXPECT_EQ(out.Close(), 0u);
     EXPECT_THAT(Samples(out.sink.File(), "trak.tmcd"), ElementsAre(Hex("00000002")));
+}
+
+// What the earlier write of the lost sample brought stays, and the next sample is entered there.
+TEST(ACaptionWriteThatThrowsAnythingElse, LeavesTheBytesOfItsEarlierWrites)
+{
+    for (const bool cea608 : {true, false}) {
+        SinkFile out;
+        SetCaptions(out.file, cea608 ? 1 : 2);
+        const Bytes& frame = cea608 ? kFrame608 : kFrame708;
+        {
+            const ThrowingWrites throwing(out.sink, 1);
+            EXPECT_EQ(Caption(out.file, frame), 1u);
+        }
+        EXPECT_EQ(Caption(out.file, frame, 40), 0u);
+        EXPECT_EQ(out.Close(), 0u);
+        const BoxFile file = out.sink.File();
+        EXPECT_EQ(Words(file.Box(kCaptions + "stco"), 12), (Numbers{1, 44}));
+        EXPECT_EQ(Words(file.Box(kCaptions + "stsz"), 12), (Numbers{cea608 ? 20u : 12u, 1}));
+        EXPECT_EQ(file.Box("mdat").size(), cea608 ? 8u + 10 + 20 : 8u + 8 + 12);
+    }
+}
+
+TEST(ATimeCodeWriteThatFails, HasTheStatusOfItsErrno)
+{
+    for (const auto& [error, status] : kStatuses) {
+        SinkFile out;
+        SetTimeCode(out.file);
+        const std::uint32_t before = mp4_get_moov_size(out.file);
+        out.sink.FailWrite(1, error);
+        EXPECT_EQ(mp4_write_time_code(out.file, 1), status);
+        EXPECT_EQ(mp4_get_moov_size(out.file), before);
+    }
+}
+
+// Unlike those of video and audio.
+TEST(ASideWriteThatFails, LogsNothing)
+{
+    for (const bool captions : {true, false}) {
+        for (const bool foreign : {true, false}) {
+            SinkFile out;
+            SetCaptions(out.file, MP4_SUBTITLE_CEA608);
+            SetTimeCode(out.file);
+            const std::size_t lines = out.log.Lines().size();
+            out.sink.FailWrite(1, ENOSPC);
+            const ThrowingWrites throwing(out.sink, foreign ? 0 : 1);
+            EXPECT_EQ(captions ? Caption(out.file, kFrame608) : mp4_write_time_code(out.file, 1),
+                      foreign ? 1u : 16u);
+            EXPECT_EQ(out.log.Lines().size(), lines);
+        }
+    }
+}
+
+TEST(ASideWriteThatFails, LocksNoOtherThreadOut)
+{
+    for (const bool captions : {true, false}) {
+        SinkFile out;
+        SetCaptions(out.file, MP4_SUBTITLE_CEA608);
+        SetTimeCode(out.file);
+        const auto write = [&] {
+            return captions ? Caption(out.file, kFrame608) : mp4_write_time_code(out.file, 1);
+        };
+        {
+            const ThrowingWrites throwing(out.sink, 0);
+            EXPECT_EQ(write(), 1u);
+        }
+        std::uint32_t later = 99;
+        std::thread([&] { later = write(); }).join();
+        EXPECT_EQ(later, 0u);
+    }
 }
 
 // Unlike every other frame: nothing tests the writer, and the write is skipped.
@@ -218,6 +284,28 @@ TEST(ACheckpointBeforeACaption, ComesAlsoForAFrameThatIsRefusedOrMalformed)
     CheckpointAfter(malformed, 5);
     EXPECT_EQ(Caption(malformed.Handle(), Bytes(3, 0)), 0u);
     EXPECT_EQ(Checkpoints(malformed), 1u);
+}
+
+// As with video and audio: nothing on the way catches it, and the locks are free again.
+TEST(ACheckpointBeforeACaption, ThatFailsLeavesAsAnException)
+{
+    const StdoutCapture quiet;
+    ExternalSink sink;
+    Recording rec(sink, "clip.mp4", MP4_OPEN_SAFE_MODE);
+    SetCaptions(rec.Handle(), MP4_SUBTITLE_CEA608);
+    CheckpointAfter(rec, 5);
+    sink.FailWrite(1, ENOSPC);
+    std::int32_t code = 0;
+    try {
+        Caption(rec.Handle(), kFrame608);
+    } catch (const kv_mp4_exception& error) {
+        code = error.code;
+    }
+    EXPECT_EQ(code, 28);  // ENOSPC
+    std::uint32_t later = 0;
+    std::thread([&] { later = Caption(rec.Handle(), kFrame608, 40); }).join();
+    EXPECT_EQ(later, 16u);
+    EXPECT_EQ(rec.CloseStatus(), 16u);
 }
 
 TEST(ATimeCode, NeverMakesACheckpoint)
@@ -316,6 +404,24 @@ TEST(TheInfoFile, HoldsTimeCodesAlsoWithoutATrack)
     EXPECT_EQ(mp4_write_time_code(rec.Handle(), 5), 0u);
     EXPECT_EQ(InfoSoFar(rec), Hex("10 00000024  09 01020304"
                                   "08 00007530 00000000000003E9 1E 00000001  09 00000005"));
+}
+
+// The sample has no bytes in the file, and its packet goes out all the same.
+TEST(TheInfoFile, HoldsATimeCodeThatAFailedWriterDidNotTake)
+{
+    const StdoutCapture quiet;
+    Folder folder;
+    ExternalSink sink;
+    Recording rec(sink, (folder / "clip.mp4").string(), MP4_OPEN_INFO_FILE);
+    const KeptLog log(folder / "clip.mp4.info");
+    SetCaptions(rec.Handle(), MP4_SUBTITLE_CEA608);
+    SetTimeCode(rec.Handle());
+    sink.FailWrite(1, ENOSPC);
+    EXPECT_EQ(Caption(rec.Handle(), kFrame608), 16u);
+    EXPECT_EQ(mp4_write_time_code(rec.Handle(), 5), 0u);
+    EXPECT_EQ(rec.CloseStatus(), 16u);
+    EXPECT_EQ(log.Read(), Hex("10 00000024  06 000003E8 01"
+                              "08 00007530 00000000000003E9 1E 00000001  09 00000005"));
 }
 
 // The sample is in the file when its packet fails; the log ends, the recording goes on.

@@ -1,4 +1,5 @@
 // The time-code track: its one sample, its description, and what it takes from the video track.
+#include "support/checkpoints.h"
 #include "support/forms.h"
 #include "support/recording.h"
 #include "support/samples.h"
@@ -84,6 +85,37 @@ TEST_P(TimeCodeTrack, WithoutVideoLastsNoTime)
     EXPECT_EQ(file.U32(file.Find("moov/trak.tmcd/tkhd").begin + 28), 0u);
 }
 
+// 25 x 6006 / 90000 is 1.67, and one tick of 25 is 40 ms.
+TEST(ATimeCode, LastsTheWholeTicksOfTheVideo)
+{
+    Recording rec;
+    rec.SetH264(90000);
+    SetTimeCode(rec, 25, 1, 25, 0);
+    EXPECT_EQ(TimeCode(rec, 0), 0u);
+    rec.FramesAt({0, 3003});
+    const BoxFile file = rec.Close();
+    EXPECT_EQ(Words(file.Box(kTables + "stts"), 12), (Numbers{1, 1, 1}));
+    EXPECT_EQ(Words(file.Box(kMedia + "mdhd"), 20), (Numbers{25, 1, 0x55C40000}));
+    EXPECT_EQ(file.U32(file.Find("moov/trak.tmcd/tkhd").begin + 28), 40u);
+    EXPECT_EQ(file.U32(file.Find("moov/trak.tmcd/edts/elst").begin + 16), 40u);
+}
+
+// The video had 80 ms at the checkpoint; its last picture keeps the 40 of that moment.
+TEST(ATimeCode, LastsAsLongAsTheVideoAtEachMoov)
+{
+    ExternalSink sink;
+    Recording rec(sink, "clip.mp4", MP4_OPEN_SAFE_MODE);
+    rec.SetH264();
+    SetTimeCode(rec);
+    SetSafeParam(rec.Handle(), {0, 100, 0, 0});
+    EXPECT_EQ(TimeCode(rec, 0), 0u);
+    rec.FramesAt({0, 40});  // 48 + 26 and 62 + 26 do not pass 100
+    EXPECT_FALSE(sink.File().Has("moov"));
+    rec.FramesAt({120});    // 76 + 26 does
+    EXPECT_EQ(Words(sink.File().Box(kTables + "stts"), 12), (Numbers{1, 1, 2400}));
+    EXPECT_EQ(Words(rec.Close().Box(kTables + "stts"), 12), (Numbers{1, 1, 4800}));
+}
+
 TEST(ATimeCode, OpensItsOwnChunkBehindAnotherTrack)
 {
     Recording rec;
@@ -99,6 +131,16 @@ TEST(ATimeCode, OpensItsOwnChunkBehindAnotherTrack)
     EXPECT_EQ(Words(file.Box(kTables + "stsc"), 12), (Numbers{2, 1, 2, 1, 2, 1, 1}));
     EXPECT_EQ(Words(file.Box("moov/trak.vide/mdia/minf/stbl/stco"), 12),
               (Numbers{2, 44, 44 + 14 + 8}));
+}
+
+TEST(ATimeCode, GoesOutInOneWrite)
+{
+    ExternalSink sink;
+    Recording rec(sink);
+    SetTimeCode(rec);
+    sink.ForgetCalls();
+    EXPECT_EQ(TimeCode(rec, 1), 0u);
+    EXPECT_THAT(sink.Calls(), ElementsAre("write 4"));
 }
 
 TEST(ATimeCode, Has64BitOffsetsInALargeFile)

@@ -126,6 +126,19 @@ TEST(AnAdtsTrack, ThatIsSetAgainIsDescribedAgain)
     EXPECT_EQ(Words(file.Box("moov/trak.soun/tkhd"), 20).at(0), 2u);
 }
 
+TEST(AnAdtsTrack, WaitsOnThroughAnEmptyFrame)
+{
+    Recording rec;
+    EXPECT_EQ(rec.SetAdts(), 0u);
+    EXPECT_EQ(rec.Audio({}, 0), 0u);
+    EXPECT_EQ(rec.Log().Count("error invalid ADTS stream, please check it."), 0u);
+    EXPECT_EQ(rec.Audio(Adts("60 40"), 21), 0u);  // 16000 Hz, mono
+    EXPECT_EQ(rec.Log().Count("info ADTS stream, get and set audio track"), 1u);
+    const BoxFile file = rec.Close();
+    EXPECT_EQ(Described(file).entry, Hex("0002 0010 0000 0000 3E80 0000"));
+    EXPECT_THAT(Samples(file, "trak.soun"), ElementsAre(Hex("AA BB CC")));
+}
+
 TEST(AnAdtsTrack, HasNoIdBeforeItsFirstFrame)
 {
     Recording rec;

@@ -204,6 +204,42 @@ TEST(AVideoWriteThatThrowsAnythingElse, Gives1AndEntersNoSample)
     }
 }
 
+// The write of a picture stands outside the guarded stretch, and the writer did not fail.
+TEST(AProResWriteThatThrowsAnythingElse, LeavesTheCallAsItIs)
+{
+    ExternalSink sink;
+    Recording rec(sink);
+    ASSERT_EQ(rec.SetProRes(MP4_PRORES_422), 0u);
+    {
+        const ThrowingWrites throwing(sink, 0);
+        EXPECT_THROW(rec.Video(Bytes(50, 9), 0), std::runtime_error);
+    }
+    EXPECT_EQ(rec.Log().Count("error exception when write file"), 0u);
+    EXPECT_EQ(rec.Video(Bytes(40, 9), 40), 0u);
+    const BoxFile file = rec.Close();
+    EXPECT_EQ(Words(file.Box(kVideo + "stsz"), 12), (Numbers{40, 1}));
+    EXPECT_EQ(Words(file.Box(kVideo + "stco"), 12), (Numbers{1, 44}));
+}
+
+TEST(AWriteThatThrowsAnythingElse, LocksNoOtherThreadOut)
+{
+    for (const bool video : {true, false}) {
+        ExternalSink sink;
+        Recording rec(sink);
+        rec.SetH264();
+        rec.SetAac();
+        {
+            const ThrowingWrites throwing(sink, 0);
+            EXPECT_EQ(video ? rec.Video(kTwoUnits, 0) : rec.Audio(kAdts, 0), 1u);
+        }
+        std::uint32_t later = 99;
+        std::thread([&] {
+            later = video ? rec.Video(Unit(0x65), 40) : rec.Audio(kAdts, 40);
+        }).join();
+        EXPECT_EQ(later, 0u);
+    }
+}
+
 TEST(AnAudioWriteThatFails, GivesItsStatusAndEntersNoSample)
 {
     const StdoutCapture out;
@@ -231,6 +267,23 @@ TEST(AnAudioWriteThatThrowsAnythingElse, Gives1AndTellsTheSizeWithoutTheHeader)
     EXPECT_EQ(rec.Log().Count("error write buffer exception, buffer size 3"), 1u);
     EXPECT_EQ(rec.Audio(Hex("01 02 03 04"), 21), 0u);
     EXPECT_THAT(Samples(rec.Close(), "trak.soun"), ElementsAre(Hex("01 02 03 04")));
+}
+
+// The header was read before the write: no later frame is held to the test.
+TEST(AnAdtsTrack, StaysSetWhenTheWriteOfItsFirstFrameFails)
+{
+    ExternalSink sink;
+    Recording rec(sink);
+    rec.SetAdts();
+    {
+        const ThrowingWrites throwing(sink, 0);
+        EXPECT_EQ(rec.Audio(kAdts, 0), 1u);
+    }
+    EXPECT_EQ(rec.Audio(Hex("01 02"), 21), 0u);
+    EXPECT_EQ(rec.Log().Count("info ADTS stream, get and set audio track"), 1u);
+    const BoxFile file = rec.Close();
+    EXPECT_THAT(Samples(file, "trak.soun"), ElementsAre(Hex("01 02")));
+    EXPECT_EQ(Words(file.Box("moov/trak.soun/tkhd"), 20).at(0), 1u);
 }
 
 // ---- Checkpoints -----------------------------------------------------------------------------
@@ -270,6 +323,23 @@ TEST(ACheckpoint, GoesByTheSizeOfTheFrameAsItComes)
         EXPECT_EQ(audio.Audio(kAdts, 0), 0u);
         EXPECT_EQ(Checkpointed(audio), !room);
     }
+}
+
+// A frame that failed left 10 bytes behind, 54 in all: twice 11 more do not fit into 70.
+TEST(ACheckpoint, GoesByWhereTheFileStandsAndNotByTheSamples)
+{
+    ExternalSink sink;
+    Recording rec(sink, "clip.mp4", MP4_OPEN_SAFE_MODE);
+    rec.SetH264();
+    CheckpointAfter(rec, 26);  // at 44 there is room for 22
+    {
+        const ThrowingWrites throwing(sink, 3);
+        EXPECT_EQ(rec.Video(kTwoUnits, 0), 1u);
+    }
+    EXPECT_FALSE(Checkpointed(rec));
+    EXPECT_EQ(sink.Data().size(), 54u);
+    EXPECT_EQ(rec.Video(kTwoUnits, 40), 0u);
+    EXPECT_EQ(rec.Log().Count("info update moov header to 124"), 1u);
 }
 
 TEST(ACheckpoint, ComesAlsoForAFrameThatIsThenDropped)

@@ -56,6 +56,16 @@ TEST(AVideoFrame, WithoutDataIsDroppedWithAWarning)
     EXPECT_THAT(Data(rec.Close()), IsEmpty());
 }
 
+TEST(AVideoFrame, OfSize0IsDroppedThoughItHasAnAddress)
+{
+    Recording rec;
+    rec.SetH264();
+    const Bytes frame = Unit(0x65);
+    EXPECT_EQ(mp4_write_video_frame(rec.Handle(), frame.data(), 0, 0), 0u);
+    EXPECT_EQ(rec.Log().Count("warning write video frame with empty data"), 1u);
+    EXPECT_EQ(rec.Close().Box("mdat"), Hex("00000008 'mdat'"));
+}
+
 TEST(AVideoFrame, BeforeItsTrackAnswers9OrWithoutAStartCode8)
 {
     Recording rec;
@@ -247,6 +257,21 @@ TEST(Chunks, EndWhereASampleOfAnotherTrackBegins)
     EXPECT_THAT(file.Complaints(), IsEmpty());
 }
 
+TEST(Chunks, HoldTheAudioBetweenTwoPictures)
+{
+    Recording rec;
+    rec.SetH264();
+    rec.SetAac();
+    rec.FramesAt({0});  // 14 bytes in the file
+    for (const std::uint64_t time : {0u, 21u, 42u})
+        rec.Audio(Bytes(30, 1), time);
+    rec.FramesAt({40});
+    rec.Audio(Bytes(30, 1), 64);
+    const BoxFile file = rec.Close();
+    EXPECT_EQ(Words(file.Box(kAudio + "stsc"), 12), (Numbers{2, 1, 3, 1, 2, 1, 1}));
+    EXPECT_EQ(Words(file.Box(kAudio + "stco"), 12), (Numbers{2, 44 + 14, 44 + 14 + 90 + 14}));
+}
+
 TEST(Tracks, GetTheirIdsInTheOrderOfTheCalls)
 {
     Recording rec;
@@ -325,6 +350,15 @@ TEST(AnAudioFrame, WithoutDataIsDroppedWithAWarning)
     rec.SetAac();
     EXPECT_EQ(rec.Audio({}, 0), 0u);
     EXPECT_TRUE(rec.Log().Has("warning write audio frame with empty data"));
+}
+
+TEST(AnAudioFrame, OfSize0IsDroppedThoughItHasAnAddress)
+{
+    Recording rec;
+    rec.SetAac();
+    EXPECT_EQ(mp4_write_audio_frame(rec.Handle(), kAdts48.data(), 0, 0), 0u);
+    EXPECT_EQ(rec.Log().Count("warning write audio frame with empty data"), 1u);
+    EXPECT_EQ(rec.Close().Box("mdat"), Hex("00000008 'mdat'"));
 }
 
 TEST(ARefusedAudioRecord, LeavesLaterFramesInMdatWithoutATrack)

@@ -152,6 +152,23 @@ TEST(TheSearch, KeepsTheFrameThatEndsItKeyOrNot)
     EXPECT_EQ(Words(file.Box(kStbl + "stss"), 12), (Numbers{0}));
 }
 
+// Nor does it end the chunk of the audio around it.
+TEST(TheSearch, OpensNoChunkForAFrameThatItDrops)
+{
+    Recording rec;
+    Announce(rec);
+    EXPECT_EQ(rec.SetAac(), 0u);
+    EXPECT_EQ(rec.Audio(Bytes(30, 1), 0), 0u);
+    EXPECT_EQ(rec.Video(Frame({kIdr}), 0), 0u);
+    EXPECT_EQ(rec.Audio(Bytes(30, 1), 21), 0u);
+    EXPECT_EQ(rec.Log().Count(kDropped), 1u);
+    const BoxFile file = rec.Close();
+    const std::string audio = "moov/trak.soun/mdia/minf/stbl/";
+    EXPECT_EQ(Words(file.Box(audio + "stco"), 12), (Numbers{1, 44}));
+    EXPECT_EQ(Words(file.Box(audio + "stsc"), 12), (Numbers{1, 1, 2, 1}));
+    EXPECT_EQ(Words(file.Box(audio + "stsz"), 12), (Numbers{30, 2}));
+}
+
 TEST(TheSearch, GivesTheTrackItsIdOnlyAtItsEnd)
 {
     Recording rec;
@@ -238,6 +255,22 @@ TEST(AFoundSps, HasTheLow16BitsOfItsLength)
     EXPECT_EQ(file.Box(kAvcc),
               Hex("0000002D 'avcC' 01 64000A FF E1 0018") + Sps() + Hex("01 0002 68EE"));
     EXPECT_EQ(Words(file.Box(kStbl + "stsz"), 12), (Numbers{4 + 65560 + 6, 1}));
+}
+
+// Its address tells that it was found, though its length is 0 in 16 bits.
+TEST(AFoundSps, Of65536BytesEndsTheSearchAndFailsTheClose)
+{
+    ExternalSink sink;
+    Recording rec(sink);
+    Announce(rec);
+    const Bytes sps = Sps() + Bytes(65512, 0xAB);
+    ASSERT_EQ(sps.size(), 65536u);
+    EXPECT_EQ(rec.Video(Frame({sps, kPps, kIdr}), 0), 0u);
+    EXPECT_EQ(rec.Log().Count(kFound), 1u);
+    EXPECT_EQ(rec.Log().Count(kDropped), 0u);
+    EXPECT_EQ(FailedClose(rec), "LibMp4 : Error - Invalid sps(0) or pps(2) size !\n");
+    // The data end with the sample: 4 + 65536, 4 + 2 and 4 + 3 bytes.
+    EXPECT_EQ(sink.File().Box("mdat").size(), 8u + 65553);
 }
 
 // A length of 32768 is negative, and no memory has it. The search is over all the same.

@@ -2,12 +2,14 @@
 #include "support/check.h"
 #include "support/checkpoints.h"
 #include "support/reads_as.h"
+#include "support/throwing_writes.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <cerrno>
 #include <filesystem>
+#include <stdexcept>
 
 using namespace kvtest;
 using testing::ElementsAre;
@@ -94,6 +96,19 @@ TEST(AWriteThatFailsInACheckpoint, LeavesThePositionMoved)
     EXPECT_EQ(out.sink.File().Find("moov").begin, 1044u);
 }
 
+// Whatever a caller's output throws goes the same way, and no line tells it.
+TEST(AWriteThatThrowsInACheckpoint, LeavesTheCallAndTheMoovInForceAlone)
+{
+    BeforeACheckpoint out;
+    {
+        const ThrowingWrites throwing(out.sink, 0);
+        EXPECT_THROW(out.Cross(), std::runtime_error);
+    }
+    EXPECT_EQ(out.rec.Log().Count("error exception when write file"), 0u);
+    EXPECT_EQ(out.sink.File().Find("moov").begin, 1044u);
+    EXPECT_THAT(out.File().Complaints(), IsEmpty());
+}
+
 // Nothing that an output does in a seek or a flush is looked at.
 TEST(ASeekOrFlushThatFails, GoesUnnoticed)
 {
@@ -153,4 +168,16 @@ TEST(SafeParametersThatAreNull, Give4WithTheirLine)
     Recording rec;
     EXPECT_EQ(mp4_set_safe_param(rec.Handle(), nullptr), 4u);
     EXPECT_TRUE(rec.Log().Has("error params is NULL when set safe param"));
+}
+
+TEST(SafeParameters, ComeBackWithAllFourFields)
+{
+    Recording rec;
+    SetSafeParam(rec.Handle(), {7, 1, 2, 3});
+    mp4_safe_param params{};
+    EXPECT_EQ(mp4_get_safe_param(rec.Handle(), &params), 0u);
+    EXPECT_EQ(params.strategy, 7u);
+    EXPECT_EQ(params.min_interval, 1u);
+    EXPECT_EQ(params.max_interval, 2u);
+    EXPECT_EQ(params.threshold, 3u);
 }

@@ -178,6 +178,14 @@ TEST(ACheckpointsMoov, IsInTheLocalFileAtOnce)
 
 // ---- Between checkpoints -----------------------------------------------------------------------
 
+TEST(AFrameBetweenCheckpoints, AsksForThePositionAndNothingElse)
+{
+    SafeSink out(500);
+    out.sink.ForgetCalls();
+    out.Frames(1);
+    EXPECT_THAT(out.sink.Calls(), ElementsAre("tell", "write 100"));
+}
+
 TEST(ACutBehindTheMoovInForce, LeavesAWholeFile)
 {
     SafeSink out(2000);
@@ -290,6 +298,16 @@ TEST(ACloseInSafeMode, PutsTheMoovOfAShortFileAtTheSmallestInterval)
     EXPECT_EQ(file.Find("mdat").end, 10485760u);
     EXPECT_EQ(file.Find("moov").end, file.All().size());
     EXPECT_THAT(file.Complaints(), IsEmpty());
+}
+
+// Without a frame and a checkpoint the long form of mdat goes as well.
+TEST(ACloseInSafeMode, TakesTheLongFormFromMdat)
+{
+    Recording rec("clip.mp4", MP4_OPEN_SAFE_MODE | MP4_OPEN_LARGE_FILE);
+    const BoxFile file = rec.Close();
+    EXPECT_EQ(file.Dump(36, 16),
+              "00 9F FF DC 6D 64 61 74 00 00 00 00 00 00 00 01");  // 10485760 - 36
+    EXPECT_EQ(file.Find("moov").begin, 10485760u);
 }
 
 // Whatever lies there: with an unknown strategy the data have long passed it.

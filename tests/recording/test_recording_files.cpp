@@ -87,6 +87,17 @@ TEST(MdatSize, IsTotalIn32BitsOrIn64BitsBehindA1)
     }
 }
 
+TEST(MdatSize, In64BitsStandsBehindTheShorterHeadOfAMovFileToo)
+{
+    Recording rec("clip.mov", MP4_OPEN_LARGE_FILE);
+    rec.SetH264();
+    rec.FramesAt({0, 40});
+    const BoxFile file = rec.Close();
+    EXPECT_EQ(file.U32(20), 1u);
+    EXPECT_EQ(file.U64(28), 16u + 2 * (4 + 10));
+    EXPECT_EQ(Words(file.Box(kStbl + "co64"), 12), (std::vector<std::uint32_t>{1, 0, 36}));
+}
+
 TEST(FastHeader, ChangesNoByteAndWritesMoovOnce)
 {
     const auto record = [](std::uint8_t flags, std::size_t& lines) {
@@ -121,6 +132,27 @@ TEST(Version1, WidensMovieVideoAndAudioHeaders)
         EXPECT_EQ(file.Box(track + "/tkhd").size(), 104u);
         EXPECT_EQ(file.Box(track + "/edts/elst").size(), 36u);
         EXPECT_EQ(file.Box(track + "/mdia/mdhd").size(), 44u);
+    }
+}
+
+// 10 - 1000 + 5 ticks, without a sign 2^64 - 985, of which 1000 / 3000 are 6148914691236188.
+TEST(ADurationBelowZero, IsUnsignedInTheMovieAndSignedInTheTrack)
+{
+    for (const bool wide : {false, true}) {
+        Recording rec("clip.mp4", wide ? MP4_OPEN_VERSION1 : 0);
+        rec.SetH264(3000, 5);
+        rec.FramesAt({1000, 10});
+        EXPECT_EQ(mp4_get_duration_ms(rec.Handle()), 6148914691236188u);
+        const BoxFile file = rec.Close();
+        const std::size_t mvhd = file.Find("moov/mvhd").begin;
+        const std::size_t tkhd = file.Find("moov/trak.vide/tkhd").begin;
+        const std::size_t elst = file.Find("moov/trak.vide/edts/elst").begin;
+        EXPECT_EQ(file.U32(mvhd + (wide ? 36 : 24)), 0xC3ECE15Cu);
+        EXPECT_EQ(file.U32(tkhd + (wide ? 40 : 28)), 0xFFFFFEB8u);  // -328
+        EXPECT_EQ(file.U32(elst + (wide ? 20 : 16)), 0xFFFFFEB8u);
+        if (wide) {
+            EXPECT_EQ(file.U64(mvhd + 32), 0x0015D867C3ECE15Cu);
+        }
     }
 }
 
@@ -433,6 +465,61 @@ TEST(AnExternalOutput, GetsTheSameBytesAndIsClosedOnceAndNeverFlushed)
     EXPECT_EQ(mp4_close_file(handle), 0u);
     EXPECT_EQ(memory.bytes, expected);
     EXPECT_THAT(memory.calls, ElementsAre("close"));
+}
+
+namespace {
+
+// Everything that a close tells an output, but where it stands.
+std::vector<std::string> CallsOfAClose(std::uint8_t flags)
+{
+    ExternalSink sink;
+    Recording rec(sink, "clip.mp4", flags);
+    sink.ForgetCalls();
+    EXPECT_EQ(rec.CloseStatus(), 0u);
+    std::vector<std::string> calls = sink.Calls();
+    std::erase(calls, "tell");
+    return calls;
+}
+
+}  // namespace
+
+TEST(AClose, EndsMdatAndThenWritesMoovBehindIt)
+{
+    const auto calls = CallsOfAClose(0);
+    ASSERT_GT(calls.size(), 10u);
+    EXPECT_THAT(std::vector(calls.begin(), calls.begin() + 6),
+                ElementsAre("seek 36 0", "write 4", "seek 44 0", "write 4", "write 4",
+                            "write 108"));
+    // 8 + 108 + 61 bytes of moov.
+    EXPECT_THAT(std::vector(calls.end() - 4, calls.end()),
+                ElementsAre("seek 44 0", "write 4", "seek 221 0", "close"));
+}
+
+TEST(AClose, EndsALargeMdatInIts64Bits)
+{
+    const auto calls = CallsOfAClose(MP4_OPEN_LARGE_FILE);
+    ASSERT_GT(calls.size(), 3u);
+    EXPECT_THAT(std::vector(calls.begin(), calls.begin() + 3),
+                ElementsAre("seek 44 0", "write 8", "seek 52 0"));
+}
+
+TEST(AClose, WithAFastHeaderEndsWithOneWrite)
+{
+    const auto calls = CallsOfAClose(MP4_OPEN_FAST_HEADER);
+    EXPECT_THAT(calls, ElementsAre("seek 36 0", "write 4", "seek 44 0", "write 177", "close"));
+}
+
+// The end of mdat, then size and type of moov have been written.
+TEST(AClose, ThatFailsInTheMovieHeaderLeavesTheHeadOfMoov)
+{
+    ExternalSink sink;
+    Recording rec(sink);
+    sink.FailWrite(4, ENOSPC);
+    const StdoutCapture quiet;
+    EXPECT_EQ(rec.CloseStatus(), 16u);
+    const Bytes& data = sink.Data();
+    ASSERT_GT(data.size(), 44u);
+    EXPECT_EQ(Bytes(data.begin() + 44, data.end()), Hex("00000008 'moov'"));
 }
 
 TEST(AFailedWriter, KeepsAnsweringWithItsFirstFailure)

@@ -163,6 +163,69 @@ TEST(ACheckpointsMoov, HasItsOffsetsRightBeyond4GiB)
     EXPECT_THAT(moov.Box("moov/trak.soun/mdia/minf/stbl/co64"), ReadsAs("co64  4294967296"));
 }
 
+TEST(ACheckpointsMoov, AtThePositionItselfNeedsNoSeek)
+{
+    SafeSink out(0);
+    out.sink.ForgetCalls();
+    out.Frames(1);
+    EXPECT_EQ(Checkpoints(out.rec.Log()), Positions{44});
+    const auto calls = Calls(out.sink);
+    ASSERT_GT(calls.size(), 1u);
+    EXPECT_EQ(calls[0], "write 4");
+    EXPECT_EQ(calls[1], "write 4");
+}
+
+TEST(ACheckpointsMoov, ReportsItsEmptyTracksAnewEachTime)
+{
+    SafeSink out(500);
+    out.rec.SetAac();
+    const std::string line = "error audio track samples 0";
+    out.Frames(1, 300);  // 44 + 600: neither track has a sample
+    EXPECT_EQ(out.rec.Log().Count(line), 2u);
+    out.Frames(5);
+    EXPECT_EQ(Checkpoints(out.rec.Log()).size(), 2u);
+    EXPECT_EQ(out.rec.Log().Count(line), 3u);
+    EXPECT_EQ(out.rec.CloseStatus(), 0u);
+    EXPECT_EQ(out.rec.Log().Count(line), 4u);
+}
+
+TEST(ACheckpointsMoov, HoldsTheMetadataSetByThen)
+{
+    const std::string meta = "moov/udta/meta/";
+    SafeSink out(500);
+    EXPECT_EQ(mp4_set_metadata(out.rec.Handle(), "title", "A"), 0u);
+    out.Frames(1);
+    out.Frames(1, 200);
+    const BoxFile first = out.sink.File();
+    EXPECT_EQ(first.Box(meta + "ilst"), Hex("00000021 'ilst' 00000019 A9'nam' 00000011 'data'"
+                                            "00000001 00000000 41"));
+    EXPECT_EQ(first.Code(first.Find(meta + "hdlr").begin + 16), "mdir");
+    EXPECT_FALSE(first.Has(meta + "keys"));
+    EXPECT_EQ(mp4_set_metadata(out.rec.Handle(), "title", "B"), 0u);
+    EXPECT_EQ(mp4_set_metadata(out.rec.Handle(), "com.x", "C"), 0u);
+    out.Frames(4);  // 544 + 200 passes 644
+    ASSERT_EQ(Checkpoints(out.rec.Log()).size(), 2u);
+    const BoxFile second = out.sink.File();
+    EXPECT_EQ(second.Box(meta + "ilst"), Hex("0000003A 'ilst' 00000019 A9'nam' 00000011 'data'"
+                                             "00000001 00000000 42"
+                                             "00000019 00000001 00000011 'data'"
+                                             "00000001 00000000 43"));
+    EXPECT_EQ(second.Code(second.Find(meta + "hdlr").begin + 16), "mdta");
+    EXPECT_TRUE(second.Has(meta + "keys"));
+}
+
+TEST(ACheckpointsMoov, ReportsAnUnknownMetadataTypeAnewEachTime)
+{
+    SafeSink out(500);
+    EXPECT_EQ(mp4_set_metadata_ex(out.rec.Handle(), "com.u", "A", 1, 7, nullptr), 0u);
+    out.Frames(1);
+    out.Frames(1, 200);
+    out.Frames(4);
+    ASSERT_EQ(Checkpoints(out.rec.Log()).size(), 2u);
+    EXPECT_EQ(out.rec.CloseStatus(), 0u);
+    EXPECT_EQ(out.rec.Log().Count("error unknown meta data type:7"), 3u);
+}
+
 // What is flushed is with the system: another reader of the file finds it.
 TEST(ACheckpointsMoov, IsInTheLocalFileAtOnce)
 {

@@ -208,6 +208,19 @@ TEST(ATimeCodeTrack, IsNotEnabledAndStaysInVersion0)
     EXPECT_EQ(file.Box(kMedia + "mdhd").size(), 32u);
 }
 
+// 10 - 1000 + 5 ticks, without a sign 2^64 - 985; times 25 / 3000 they are 0x15D867C3ECE29C.
+TEST(ATimeCodeTrack, TakesADurationBelowZeroWithoutItsSign)
+{
+    Recording rec;
+    rec.SetH264(3000, 5);
+    SetTimeCode(rec, 25, 1, 25, 0);
+    TimeCode(rec, 0);
+    rec.FramesAt({1000, 10});
+    const BoxFile file = rec.Close();
+    EXPECT_EQ(Words(file.Box(kMedia + "mdhd"), 20), (Numbers{25, 0xC3ECE29C, 0x55C40000}));
+    EXPECT_EQ(Words(file.Box(kTables + "stts"), 12), (Numbers{1, 1, 0xC3ECE29C}));
+}
+
 TEST(ATimeCodeTrack, CountsInNoDurationOfTheMovie)
 {
     Recording rec;

@@ -90,6 +90,17 @@ TEST(AProResRecord, IsCompleteWithoutParameterSets)
     }
 }
 
+TEST(AProResRecord, OfAnUnknownFormatIsRecordedWithoutAnEntryType)
+{
+    Recording rec("clip.mov");
+    EXPECT_EQ(rec.SetProRes(6), 0u);
+    EXPECT_EQ(rec.Video(Bytes(50, 9), 0), 0u);
+    const BoxFile file = rec.Close();
+    const std::size_t entry = file.Find(kVideo + "stsd").begin + 16;
+    EXPECT_EQ(file.U32(entry), 112u);
+    EXPECT_EQ(file.U32(entry + 4), 0u);
+}
+
 TEST(ASecondVideoRecord, TakesAnotherIdAndKeepsTheSamples)
 {
     Recording rec;
@@ -103,6 +114,22 @@ TEST(ASecondVideoRecord, TakesAnotherIdAndKeepsTheSamples)
     EXPECT_THAT(file.Box(kVideo + "stsz"), ReadsAs("stsz  3 x 14"));
     // The new id differs from that of the sample before.
     EXPECT_THAT(file.Box(kVideo + "stsc"), ReadsAs("stsc  1:2, 2:1"));
+}
+
+// What ProRes brought stays in the entry, but for the type and the depth that follows it.
+TEST(ASecondVideoRecord, OfH264BehindProResMixesBothInTheEntry)
+{
+    Recording rec("clip.mov");
+    EXPECT_EQ(rec.SetProRes(MP4_PRORES_4444), 0u);
+    EXPECT_EQ(rec.SetH264(), 0u);
+    rec.FramesAt({0});
+    const BoxFile file = rec.Close();
+    const std::size_t entry = file.Find(kVideo + "stsd").begin + 16;
+    EXPECT_EQ(file.Code(entry + 4), "avc1");
+    EXPECT_EQ(file.Code(entry + 20), "appl");
+    EXPECT_EQ(file.Dump(entry + 50, 6), "11 41 70 70 6C 65");  // 17, "Apple"
+    EXPECT_EQ(file.U16(entry + 82), 0x18u);
+    EXPECT_THAT(file.Children(kVideo + "stsd/avc1"), ElementsAre("fiel", "pasp", "avcC"));
 }
 
 // ---- Audio -----------------------------------------------------------------------------------
@@ -120,6 +147,40 @@ TEST(AnAudioRecord, WithoutChannelsOrRateGives4)
     const BoxFile file = rec.Close();
     EXPECT_EQ(file.Box("mdat").size(), 38u);
     EXPECT_FALSE(file.Has("moov/trak"));
+}
+
+TEST(AnAudioRecord, OfMovFilesHasItsConfigurationInWave)
+{
+    Recording rec("clip.mov");
+    rec.SetAac(48000);
+    EXPECT_EQ(rec.Audio(Bytes(30, 1), 0), 0u);
+    const BoxFile file = rec.Close();
+    EXPECT_THAT(file.Children(kAudio + "stsd/mp4a"), ElementsAre("wave"));
+    EXPECT_EQ(file.Box(kAudio + "stsd").size(), 0x9Fu);
+    EXPECT_EQ(file.Box(kAudio + "stsd")[33], 1u);  // the entry's version
+    const std::size_t moov = file.Box("moov").size();
+    // 159 bytes against the constant 96.
+    EXPECT_TRUE(rec.Log().Has("warning calc size(" + std::to_string(moov - 63) +
+                              ") not equal to moov real size:" + std::to_string(moov)));
+}
+
+TEST(AnAudioRecord, OfMp4FilesHasItsConfigurationInTheEntry)
+{
+    Recording rec;
+    rec.SetAac(48000);
+    EXPECT_EQ(rec.Audio(Bytes(30, 1), 0), 0u);
+    const BoxFile file = rec.Close();
+    EXPECT_THAT(file.Children(kAudio + "stsd/mp4a"), ElementsAre("esds"));
+    EXPECT_EQ(file.Box(kAudio + "stsd").size(), 103u);
+    EXPECT_EQ(file.Box(kAudio + "stsd")[33], 0u);
+}
+
+TEST(AnAudioRecord, GivesALoneSampleTheLow32BitsOfItsDuration)
+{
+    Recording rec;
+    rec.SetAac(48000, 0x100000400);
+    EXPECT_EQ(rec.Audio(Bytes(30, 1), 0), 0u);
+    EXPECT_EQ(Words(rec.Close().Box(kAudio + "stts"), 12), (Numbers{1, 1, 0x400}));
 }
 
 // The refused record is not kept: the ADTS track goes on waiting no more, with its old record.
@@ -172,6 +233,22 @@ TEST(AudioAheadOfItsRecord, BelongsToTheTrackOnceItIsSet)
 }
 
 // ---- Several tracks --------------------------------------------------------------------------
+
+TEST(TracksThatTakeTurns, HaveAChunkForEachSample)
+{
+    Recording rec;
+    rec.SetH264();
+    rec.SetAac();
+    for (const std::uint64_t time : {0u, 40u, 80u}) {
+        rec.FramesAt({time});
+        EXPECT_EQ(rec.Audio(Bytes(30, 1), time), 0u);
+    }
+    const BoxFile file = rec.Close();
+    for (const std::string& track : {kVideo, kAudio})
+        EXPECT_EQ(Words(file.Box(track + "stsc"), 12), (Numbers{1, 1, 1, 1}));
+    EXPECT_EQ(Words(file.Box(kVideo + "stco"), 12), (Numbers{3, 44, 88, 132}));
+    EXPECT_EQ(Words(file.Box(kAudio + "stco"), 12), (Numbers{3, 58, 102, 146}));
+}
 
 TEST(ChunksOfThreeThreeTwoAndThree, HaveThreeRuns)
 {
@@ -237,4 +314,22 @@ TEST(Metadata, CanComeAtAnyTimeBeforeTheClose)
     EXPECT_EQ(file.Box("moov/udta/meta/ilst"),
               Hex("00000040 'ilst' 0000001C A9'nam' 00000014 'data' 00000001 00000000 'late'"
                   "0000001C 00000001 00000014 'data' 00000001 00000000 'free'"));
+}
+
+TEST(Metadata, IsTheSameInMovFiles)
+{
+    Recording rec("clip.mov");
+    EXPECT_EQ(rec.Close().Box("moov/udta"),
+              Hex("0000003D 'udta' 00000035 'meta' 00000000 00000021 'hdlr' 00000000 00000000"
+                  "'mdir' 'appl' 00000000 00000000 00 00000008 'ilst'"));
+}
+
+TEST(Metadata, ThatIsRefusedLogsNothing)
+{
+    Recording rec;
+    const std::size_t lines = rec.Log().Lines().size();
+    EXPECT_EQ(mp4_set_metadata(rec.Handle(), "titel", "A"), 4u);
+    EXPECT_EQ(mp4_set_metadata(rec.Handle(), nullptr, "A"), 4u);
+    EXPECT_EQ(mp4_set_metadata(rec.Handle(), "com.x", nullptr), 4u);
+    EXPECT_EQ(rec.Log().Lines().size(), lines);
 }

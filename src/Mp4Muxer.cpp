@@ -213,6 +213,7 @@ void CMp4Muxer::FinishFile(std::int64_t& clock)
         if (m_moov)
             m_moov->Write();
     }
+    LOG_INFO("Muxer - Close - moov write takes {} ms", Lap(clock));
     // A local file that failed while it recorded ends without its moov here, though nothing may fail
     // any more: the log is then all that can give it one.
     if (m_pFile && m_pFile->IsLocal() && !m_pFile->IsOpen() && m_dataPos != 0)
@@ -221,7 +222,6 @@ void CMp4Muxer::FinishFile(std::int64_t& clock)
     // log and with nobody to see it fail. A disk that fills up in them so fails the close and keeps
     // the log, and so does a power cut.
     FlushLocal();
-    LOG_INFO("Muxer - Close - moov write takes {} ms", Lap(clock));
     // Kept: with an empty path, too; there is no log then, and its line comes all the same.
     platform::RemoveFile(m_infoPath.c_str());
     LOG_INFO("Muxer - Close - remove info file takes {} ms", Lap(clock));

@@ -1,5 +1,6 @@
 // The walks over HEVC parameter sets: what they keep, where they end, and what they refuse.
 #include "hevc_syntax.h"
+#include "stsd.h"
 
 #include <gtest/gtest.h>
 
@@ -62,6 +63,9 @@ CBits Repeated(int times, const CBits& bits)
         all.Add(bits);
     return all;
 }
+
+// 2^32: behind 33 zeros the base is 1, and the suffix is 2^32 - 1.
+const CBits kWide = CBits().U(32, 0).U(1, 0).U(1, 1).U(1, 0).U(32, 0xFFFFFFFF);
 
 }  // namespace
 
@@ -270,6 +274,21 @@ TEST(TierLevels, OfSevenSubLayersAreAllSkipped)
     bits.Add(Repeated(7 * 3, CBits().U(32, 0)));
     EXPECT_EQ(End(bits, [&](CBitReader& r) { ParseProfileTierLevel(&config, r, 7); }),
               112u + 7 * 96);
+}
+
+// The layers of the VPS come before its level and are kept; of the rest not one value is.
+TEST(TierLevels, ThatEndBeforeTheLevelMergeNothing)
+{
+    const std::string nal = Hex("40 01") + Vps().Bits().Bare();
+    ASSERT_EQ(Parsed({nal}).general_level_idc, 93);
+    Config config;
+    EXPECT_FALSE(Parse(config, nal.substr(0, 17)));
+    EXPECT_EQ(config.numTemporalLayers, 1);
+    EXPECT_EQ(config.general_profile_idc, 0);
+    EXPECT_EQ(config.general_level_idc, 0);
+    EXPECT_EQ(config.general_profile_compatibility_flags, 0xFFFFFFFFu);
+    EXPECT_EQ(config.general_constraint_indicator_flags, 0xFFFFFFFFFFFFu);
+    EXPECT_EQ(config.arrays.size(), 1u);
 }
 
 TEST(TheLevel, IsTheGreaterOneWithinATier)
@@ -513,12 +532,10 @@ TEST(AnSps, MayHave31LongTermPicturesButNot32)
     EXPECT_FALSE(Parse(config, With(&Sps::longTerm, pictures(32)).Nal()));
 }
 
-// 33 zeros: the base is 1, and the suffix 2^32 - 1 makes it 2^32.
 TEST(Counts, AreTakenByTheirLow32Bits)
 {
-    const CBits wide = CBits().U(32, 0).U(1, 0).U(1, 1).U(1, 0).U(32, 0xFFFFFFFF);
-    EXPECT_EQ(Parsed({With(&Sps::shortTerm, wide).Nal()}).min_spatial_segmentation_idc, kMark);
-    const CBits longTerm = CBits().U(1, 1).Add(wide);
+    EXPECT_EQ(Parsed({With(&Sps::shortTerm, kWide).Nal()}).min_spatial_segmentation_idc, kMark);
+    const CBits longTerm = CBits().U(1, 1).Add(kWide);
     EXPECT_EQ(Parsed({With(&Sps::longTerm, longTerm).Nal()}).min_spatial_segmentation_idc, kMark);
 }
 
@@ -629,6 +646,15 @@ TEST(AShortTermSet, AddsItsCountsIn64Bits)
     EXPECT_EQ(SpsReason(With(&Sps::shortTerm, CBits().Ue(1).Add(half).Add(half))), 543);
 }
 
+TEST(AShortTermSet, TakesItsCountsByTheirLow32Bits)
+{
+    for (const CBits& bits : {CBits(kWide).Ue(0), CBits().Ue(0).Add(kWide)}) {
+        const ShortTerm set(7, 0, bits);
+        EXPECT_EQ(set.counts[0], 0u);
+        EXPECT_EQ(set.end, 67u + 1);
+    }
+}
+
 // ---- VUI -----------------------------------------------------------------------------------
 
 TEST_P(VuiStretch, LeadsToTheMark)
@@ -689,6 +715,15 @@ TEST(TheRestriction, IsTheLeastOfAllSps)
     EXPECT_EQ(least(4096, 70000), 4096);   // compared as 32 bits, not as 16
     EXPECT_EQ(least(4097, 65536), 4097);
     EXPECT_EQ(least(5, 0), 0);
+}
+
+TEST(TheRestriction, IsComparedByItsLow32Bits)
+{
+    const CBits restriction = CBits().U(1, 1).U(3, 0).Add(kWide).Ue(2).Ue(1).Ue(15).Ue(15);
+    const CBits bits = With(&Vui::restriction, restriction).Bits();
+    Config config;
+    EXPECT_EQ(End(bits, [&](CBitReader& r) { ParseVui(&config, r, 0); }), bits.Size());
+    EXPECT_EQ(config.min_spatial_segmentation_idc, 0);
 }
 
 TEST(AVui, TakesAllLayersIntoItsHrd)
@@ -789,6 +824,12 @@ TEST(AnHrd, MayHave32BuffersButNot33)
     };
     EXPECT_EQ(reason(31), 0);
     EXPECT_EQ(reason(32), 703);
+}
+
+TEST(AnHrd, CountsItsBuffersByTheLow32Bits)
+{
+    const CBits layer = CBits().U(2, 1).Ue(0).Add(kWide);
+    EXPECT_EQ(HrdEnd(Common(1, 0).Add(layer).Add(kBuffer)), 26u + 3 + 67 + 11);
 }
 
 TEST(AnHrd, OfTooManyBuffersFailsItsSps)
@@ -894,6 +935,16 @@ TEST(FinishConfig, TakesAnUnsetRestrictionAsZero)
     EXPECT_EQ(finished(0xFFFF), std::make_pair(0, 0));
     EXPECT_EQ(finished(1), std::make_pair(1, 2));
     EXPECT_EQ(finished(0), std::make_pair(0, 0));
+}
+
+// A format of 5 and depths of 9 and 16 run over into the bits beside them.
+TEST(TheBox, JoinsChromaAndDepthsWithoutMasks)
+{
+    Sps sps = With(&Sps::depths, CBits().Ue(9).Ue(16));
+    sps.chroma = CBits().Ue(5);
+    On<CMp4HvccAtom> hvcc;
+    hvcc.box.SetCodecData(Record(MP4_VIDEO_HEVC, Vps().Nal(), sps.Nal(), Pps().Nal()));
+    EXPECT_BYTES(hvcc.Written().substr(24, 3), Hex("fd f9 f8"));
 }
 
 // ---- Damage --------------------------------------------------------------------------------

@@ -345,6 +345,14 @@ TEST(AudioConfig, FollowsTheRateTable)
     EXPECT_EQ(config(0x22, 48000, 2), 0x1190);         // a type has five bits
 }
 
+// 16 falls on the lowest bit of the index, which 4 for 44100 has not.
+TEST(AudioConfig, DoesNotMaskItsChannels)
+{
+    std::uint8_t bytes[2];
+    MakeAudioSpecificConfig(2, 44100, 0x12, bytes);
+    EXPECT_THAT(bytes, ElementsAre(0x12, 0x90));
+}
+
 TEST(AdtsFrames, AreKnownByTwelveBitsFromEightBytesOn)
 {
     const auto isAdts = [](std::uint8_t b0, std::uint8_t b1, std::uint32_t size) {
@@ -377,4 +385,16 @@ TEST(AdtsHeader, GivesProfileRateAndChannels)
     EXPECT_THAT(read(0x40, 0x40), ElementsAre(2, 30464, 1));
     EXPECT_THAT(read(0x44, 0x40), ElementsAre(2, 22664, 1));
     EXPECT_THAT(read(0x7C, 0x00), ElementsAre(2, 0, 0));
+}
+
+TEST(AdtsHeader, HasAllFourProfiles)
+{
+    for (const int profile : {0, 1, 2, 3}) {
+        const auto b2 = static_cast<std::uint8_t>(profile << 6 | 0x0C);
+        const std::uint8_t frame[8] = {0xFF, 0xF1, b2, 0x80};
+        const AdtsStream stream = ReadAdtsHeader(frame);
+        EXPECT_EQ(stream.sample_rate, 48000);
+        EXPECT_EQ(stream.channels, 2);
+        EXPECT_EQ(stream.object_type, profile + 1);
+    }
 }

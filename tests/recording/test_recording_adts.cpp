@@ -44,6 +44,16 @@ Description DescribedBy(const Bytes& frame)
     return Described(rec.Close());
 }
 
+// The configuration of a raw record with so many channels.
+Bytes ConfigOf(std::uint16_t channels, std::uint16_t rate = 48000)
+{
+    Recording rec;
+    const mp4_audio_track_info info{1000, 0, MP4_AUDIO_AAC_RAW, rate, channels, 2};
+    EXPECT_EQ(mp4_set_audio_track(rec.Handle(), &info), 0u);
+    EXPECT_EQ(rec.Audio(Bytes(10, 1), 0), 0u);
+    return Described(rec.Close()).config;
+}
+
 }  // namespace
 
 // ---- The description -------------------------------------------------------------------------
@@ -67,6 +77,35 @@ TEST(AnAdtsHeader, OfConfiguration7Has7Channels)
     const Description seven = DescribedBy(Adts("4D C0"));
     EXPECT_EQ(seven.entry, Hex("0002 0010 0000 0000 BB80 0000"));
     EXPECT_EQ(seven.config, Hex("11 B8"));
+}
+
+// Profiles 0, 2 and 3: Main, SSR and LTP.
+TEST(AnAdtsHeader, GivesItsProfilePlus1AsObjectType)
+{
+    EXPECT_EQ(DescribedBy(Adts("0C 80")).config, Hex("09 90"));
+    EXPECT_EQ(DescribedBy(Adts("8C 80")).config, Hex("19 90"));
+    EXPECT_EQ(DescribedBy(Adts("CC 80")).config, Hex("21 90"));
+}
+
+// The private bit, and all that stands behind the channels.
+TEST(AnAdtsHeader, IsReadPastItsOtherBits)
+{
+    const Description plain = DescribedBy(Adts("4C 80"));
+    const Description odd = DescribedBy(Adts("4E BF"));
+    EXPECT_EQ(odd.entry, plain.entry);
+    EXPECT_EQ(odd.config, Hex("11 90"));
+}
+
+TEST(AnAdtsHeader, DescribesTheStreamInsideWaveToo)
+{
+    Recording rec("clip.mov");
+    EXPECT_EQ(rec.SetAdts(), 0u);
+    EXPECT_EQ(rec.Audio(Adts("4C 80"), 0), 0u);
+    const BoxFile file = rec.Close();
+    const Bytes esds = file.Box(kStbl + "stsd/mp4a/wave/esds");
+    ASSERT_EQ(esds.size(), 51u);
+    EXPECT_EQ(Bytes(esds.begin() + 38, esds.begin() + 45), Hex("05 80808002 1190"));
+    EXPECT_EQ(file.U16(file.Find(kStbl + "stsd/mp4a").begin + 32), 0xBB80);
 }
 
 TEST(AnAdtsHeader, OfARateWithoutAnIndexDeclares44100)
@@ -209,6 +248,22 @@ TEST(ARawTrack, LosesHeadersAndKeepsItsDescription)
     EXPECT_THAT(Samples(file, "trak.soun"), ElementsAre(Hex("AA BB CC")));
     EXPECT_EQ(Described(file).entry, Hex("0002 0010 0000 0000 BB80 0000"));
     EXPECT_EQ(Described(file).config, Hex("11 90"));
+}
+
+// The record has 16 bits for them, the configuration takes eight.
+TEST(ARawTrack, HasTheLow8BitsOfItsChannels)
+{
+    EXPECT_EQ(ConfigOf(2), Hex("11 90"));
+    EXPECT_EQ(ConfigOf(0x0102), Hex("11 90"));
+    EXPECT_EQ(ConfigOf(0x0100), Hex("11 80"));
+}
+
+// Of 24, 16 falls on the lowest bit of the rate's index: 3 for 48000 has it, 4 for 44100 has not.
+TEST(ARawTrack, WithMoreThan15ChannelsRunsOverIntoItsRate)
+{
+    EXPECT_EQ(ConfigOf(0x18), Hex("11 C0"));
+    EXPECT_EQ(ConfigOf(8, 44100), Hex("12 40"));
+    EXPECT_EQ(ConfigOf(0x18, 44100), Hex("12 C0"));
 }
 
 TEST(ATrackOfAnyOtherCodec, LosesHeadersToo)

@@ -1,4 +1,5 @@
-// Parameter sets: found in the stream, given with the record, and refused by their box.
+// Parameter sets: found in the stream, given with the record, and refused by their box. And the
+// units of a frame, which all reach its sample.
 #include "support/recording.h"
 #include "support/samples.h"
 
@@ -65,6 +66,79 @@ std::string FailedClose(Recording& rec)
 }
 
 }  // namespace
+
+// ---- The units of a frame --------------------------------------------------------------------
+
+// Emulation prevention stays, and 00 00 03 at the very end is data too.
+TEST(AUnit, IsStoredWithItsEscapes)
+{
+    Recording rec;
+    EXPECT_EQ(rec.SetH264(), 0u);
+    EXPECT_EQ(rec.Video(Hex("00 00 01 65 00 00 03 01 00 00 03"), 0), 0u);
+    const BoxFile file = rec.Close();
+    EXPECT_THAT(Samples(file, "trak.vide"), ElementsAre(Hex("00000008 65 00 00 03 01 00 00 03")));
+    EXPECT_EQ(Words(file.Box(kStbl + "stss"), 12), (Numbers{1, 1}));
+}
+
+TEST(AnH264Frame, KeepsUnitsOfEveryType)
+{
+    Recording rec;
+    EXPECT_EQ(rec.SetH264(), 0u);
+    EXPECT_EQ(rec.Video(Frame({Hex("06 05 80"), Hex("0C FF"), Hex("00 11"), Hex("41 22")}), 0), 0u);
+    EXPECT_THAT(Samples(rec.Close(), "trak.vide"),
+                ElementsAre(Hex("00000003 060580  00000002 0CFF  00000002 0011  00000002 4122")));
+}
+
+// A delimiter, both kinds of SEI and the picture.
+TEST(AnHevcFrame, KeepsUnitsOfEveryType)
+{
+    Recording rec;
+    EXPECT_EQ(rec.SetHevc(), 0u);
+    const Bytes frame = Frame({Hex("46 01 50"), Hex("4E 01 05"), Hex("50 01 05"), Hex("26 01 AF")});
+    EXPECT_EQ(rec.Video(frame, 0), 0u);
+    const BoxFile file = rec.Close();
+    EXPECT_THAT(Samples(file, "trak.vide"),
+                ElementsAre(Hex("00000003 460150  00000003 4E0105  00000003 500105"
+                                "00000003 2601AF")));
+    EXPECT_EQ(Words(file.Box(kStbl + "stss"), 12), (Numbers{1, 1}));
+}
+
+TEST(AnIdrPicture, OfThreeSlicesIsOneSampleOfThreeLengths)
+{
+    Recording rec;
+    EXPECT_EQ(rec.SetH264(), 0u);
+    EXPECT_EQ(rec.Video(Frame({Hex("65 11"), Hex("65 22 33"), Hex("65 44 55 66")}), 0), 0u);
+    const BoxFile file = rec.Close();
+    EXPECT_THAT(Samples(file, "trak.vide"),
+                ElementsAre(Hex("00000002 6511  00000003 652233  00000004 65445566")));
+    EXPECT_EQ(Words(file.Box(kStbl + "stsz"), 12), (Numbers{21, 1}));
+    EXPECT_EQ(Words(file.Box(kStbl + "stss"), 12), (Numbers{1, 1}));
+}
+
+TEST(AKeyFrame, IsOneByItsUnitsAlone)
+{
+    const auto keys = [](const Bytes& frame) {
+        Recording rec;
+        EXPECT_EQ(rec.SetH264(), 0u);
+        EXPECT_EQ(rec.Video(frame, 0), 0u);
+        return Words(rec.Close().Box(kStbl + "stss"), 12);
+    };
+    EXPECT_EQ(keys(Unit(0x06) + Unit(0x41)), (Numbers{0}));  // an SEI and another slice
+    EXPECT_EQ(keys(Unit(0x06) + Unit(0x65)), (Numbers{1, 1}));
+    EXPECT_EQ(keys(Hex("00 00 01 65 11")), (Numbers{1, 1}));
+    EXPECT_EQ(keys(Hex("00 00 00 01 65 11")), (Numbers{1, 1}));
+}
+
+// 26 is IDR_W_RADL, and 65 is type 50 of HEVC.
+TEST(AKeyFrame, IsOneByTheCodecOfTheLastSetUp)
+{
+    Recording rec;
+    EXPECT_EQ(rec.SetH264(), 0u);
+    EXPECT_EQ(rec.SetHevc(), 0u);
+    EXPECT_EQ(rec.Video(Unit(0x26), 0), 0u);
+    EXPECT_EQ(rec.Video(Unit(0x65), 40), 0u);
+    EXPECT_EQ(Words(rec.Close().Box(kStbl + "stss"), 12), (Numbers{1, 1}));
+}
 
 // ---- The search in the stream ----------------------------------------------------------------
 
@@ -232,6 +306,44 @@ TEST(ASetThatChangesInTheStream, StaysInItsSampleAlone)
                             Hex("00000005 67 64 00 28 0B  00000002 68 EE  00000003 65 11 22")));
 }
 
+// An SPS of level 3.1 in place of 1.
+TEST(AnHevcSetThatChangesInTheStream, StaysInItsSampleAlone)
+{
+    Bytes sps = HevcSps();
+    ASSERT_EQ(sps[17], 0x1E);
+    sps[17] = 0x5D;
+    const Bytes idr = Hex("26 01 AF");
+    BoxFile files[2];
+    for (const bool changed : {false, true}) {
+        Recording rec;
+        EXPECT_EQ(rec.SetHevc(), 0u);
+        EXPECT_EQ(rec.Video(Frame({idr}), 0), 0u);
+        const Bytes next = changed ? Frame({HevcVps(), sps, HevcPps(), idr}) : Frame({idr});
+        EXPECT_EQ(rec.Video(next, 40), 0u);
+        files[changed] = rec.Close();
+    }
+    EXPECT_EQ(files[true].Box(kStbl + "stsd"), files[false].Box(kStbl + "stsd"));
+    EXPECT_EQ(files[true].Box("moov/trak.vide/tkhd"), files[false].Box("moov/trak.vide/tkhd"));
+    EXPECT_EQ(files[true].U32(files[true].Find(kStbl + "stsd").begin + 12), 1u);
+    const Bytes units = Hex("00000018") + HevcVps() + Hex("00000029") + sps + Hex("00000007") +
+                        HevcPps() + Hex("00000003") + idr;
+    EXPECT_THAT(Samples(files[true], "trak.vide"), ElementsAre(Hex("00000003") + idr, units));
+}
+
+// The stream's sets are of 160x120.
+TEST(AnHevcTrack, HasTheSizeOfItsRecord)
+{
+    Recording rec;
+    mp4_video_track_info info = HevcRecord();
+    info.width = 1920;
+    info.height = 1080;
+    EXPECT_EQ(mp4_set_video_track(rec.Handle(), &info), 0u);
+    EXPECT_EQ(rec.Video(Frame({Hex("26 01 AF")}), 0), 0u);
+    const BoxFile file = rec.Close();
+    EXPECT_EQ(file.U32(file.Find(kStbl + "stsd").begin + 48), 0x07800438u);
+    EXPECT_EQ(file.U64(file.Find("moov/trak.vide/tkhd").end - 8), 0x0780000004380000u);
+}
+
 TEST(AFrameOfParameterSetsAlone, IsASampleLikeAnyOther)
 {
     Recording rec;
@@ -301,6 +413,36 @@ TEST(ARecordedLength, From32768OnLeavesAsAnExceptionOfTheAllocator)
     }
 }
 
+// The sets before are gone; of the new ones stands what came ahead of the failure.
+TEST(ARecordedLength, ThatNoMemoryHasEndsTheSetUpHalfway)
+{
+    const std::int16_t least = std::numeric_limits<std::int16_t>::min();
+    const std::int16_t lengths[][2] = {{least, 2}, {5, -1}};
+    for (const auto& [sps, pps] : lengths) {
+        Recording rec;
+        mp4_video_track_info info = H264Record(kSpsA, kPps);
+        EXPECT_EQ(mp4_set_video_track(rec.Handle(), &info), 0u);
+        info.sps_size = sps;
+        info.pps_size = pps;
+        EXPECT_THROW(mp4_set_video_track(rec.Handle(), &info), std::bad_alloc);
+        EXPECT_EQ(rec.Video(Frame({kIdr}), 0), 0u);
+        EXPECT_EQ(FailedClose(rec), sps == 5
+                                        ? "LibMp4 : Error - Invalid sps(5) or pps(0) size !\n"
+                                        : "LibMp4 : Error - Invalid sps(0) or pps(0) size !\n");
+    }
+}
+
+TEST(ARecordedLength, OfHevcThatNoMemoryHasEndsTheSetUpHalfwayToo)
+{
+    Recording rec;
+    mp4_video_track_info info = HevcRecord();
+    EXPECT_EQ(mp4_set_video_track(rec.Handle(), &info), 0u);
+    info.sps_size = std::numeric_limits<std::int16_t>::min();
+    EXPECT_THROW(mp4_set_video_track(rec.Handle(), &info), std::bad_alloc);
+    EXPECT_EQ(rec.Video(Frame({Hex("26 01 AF")}), 0), 0u);
+    EXPECT_EQ(FailedClose(rec), "LibMp4 : Error - NULL hevc head !\n");
+}
+
 // Whatever leaves an export, the locks are free again and the handle is good.
 TEST(AnExceptionThatLeaves, LocksNoOtherThreadOut)
 {
@@ -333,6 +475,19 @@ TEST(ALengthWithoutAnAddress, IsAcceptedAndFailsTheClose)
     EXPECT_EQ(FailedClose(hevc), "LibMp4 : Error - NULL hevc head !\n");
 }
 
+TEST(ALengthWithoutAnAddress, IsAcceptedOfAPpsToo)
+{
+    Recording rec;
+    const Bytes sps = kSpsA + Hex("01 02 03");
+    mp4_video_track_info info = H264Record(sps, kPps);
+    info.pps = nullptr;
+    info.pps_size = 4;
+    EXPECT_EQ(mp4_set_video_track(rec.Handle(), &info), 0u);
+    EXPECT_EQ(rec.Video(Frame({kIdr}), 0), 0u);
+    EXPECT_EQ(rec.Log().Count(kDropped), 0u);
+    EXPECT_EQ(FailedClose(rec), "LibMp4 : Error - Invalid sps(8) or pps(0) size !\n");
+}
+
 // ---- Sets that do not parse ------------------------------------------------------------------
 
 TEST(AnHevcSetThatDoesNotParse, IsPrintedAndFailsTheClose)
@@ -352,6 +507,47 @@ TEST(AnHevcSetThatDoesNotParse, IsPrintedAndFailsTheClose)
         EXPECT_EQ(rec.Video(Frame({Hex("26 01 AF")}), 0), 0u);
         EXPECT_EQ(FailedClose(rec), "LibMp4 : Error - NULL hevc head !\n");
     }
+}
+
+TEST(HevcSetsThatDoNotParse, ArePrintedInTheOrderOfTheBox)
+{
+    Recording rec;
+    mp4_video_track_info info = HevcRecord();
+    info.vps_size = info.sps_size = info.pps_size = 3;
+    StdoutCapture out;
+    EXPECT_EQ(mp4_set_video_track(rec.Handle(), &info), 0u);
+    EXPECT_EQ(out.Take(), "LibMp4 : Error - Parse hevc vps fail !\n"
+                          "LibMp4 : Error - Parse hevc sps fail !\n"
+                          "LibMp4 : Error - Parse hevc pps fail !\n");
+    EXPECT_EQ(rec.Video(Frame({Hex("26 01 AF")}), 0), 0u);
+    EXPECT_EQ(FailedClose(rec), "LibMp4 : Error - NULL hevc head !\n");
+}
+
+// Its last two bytes end the time scale of the VUI.
+TEST(AnHevcSps, CutInsideItsVuiFailsTheClose)
+{
+    Recording rec;
+    mp4_video_track_info info = HevcRecord();
+    info.sps_size = static_cast<std::int16_t>(info.sps_size - 2);
+    StdoutCapture out;
+    EXPECT_EQ(mp4_set_video_track(rec.Handle(), &info), 0u);
+    EXPECT_EQ(out.Take(), "LibMp4 : Error - Parse hevc sps fail !\n");
+    EXPECT_EQ(rec.Video(Frame({Hex("26 01 AF")}), 0), 0u);
+    EXPECT_EQ(FailedClose(rec), "LibMp4 : Error - NULL hevc head !\n");
+}
+
+TEST(AnHevcVps, OfType41FailsTheClose)
+{
+    Recording rec;
+    const Bytes vps = Hex("52 01 05");
+    mp4_video_track_info info = HevcRecord();
+    info.vps = vps.data();
+    info.vps_size = 3;
+    StdoutCapture out;
+    EXPECT_EQ(mp4_set_video_track(rec.Handle(), &info), 0u);
+    EXPECT_EQ(out.Take(), "LibMp4 : Error - Parse hevc vps fail !\n");
+    EXPECT_EQ(rec.Video(Frame({Hex("26 01 AF")}), 0), 0u);
+    EXPECT_EQ(FailedClose(rec), "LibMp4 : Error - NULL hevc head !\n");
 }
 
 // The search goes by types, so that a set found in the stream may be as bad.

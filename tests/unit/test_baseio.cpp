@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <filesystem>
 #include <fstream>
+#include <numeric>
 #include <string>
 #include <vector>
 
@@ -206,9 +207,53 @@ TEST_F(FileWriter, OpenFailuresGiveTheStatusOfErrnoAndStayClosed)
     EXPECT_EQ(writer.m_state, 0);
 }
 
+// The callers do: after a failure they skip their writes.
+TEST_F(FileWriter, TakesAWriteInAnyState)
+{
+    CFileWriter writer;
+    ASSERT_EQ(writer.Init(Path("a").c_str(), 0, 0), 0u);
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(CodeOf([&] { writer.Seek(-1, kSeekStart); }), EINVAL);
+    testing::internal::GetCapturedStdout();
+    EXPECT_NO_THROW(writer.Write("a", 1));
+    EXPECT_EQ(writer.m_state, 1);
+    writer.Close();
+    EXPECT_EQ(Content("a"), "a");
+}
+
+TEST_F(AppendFileWriter, TakesAReadInAnyState)
+{
+    Put("a", "abc");
+    CAppendFileWriter writer;
+    ASSERT_EQ(writer.Init(Path("a").c_str(), 0, 0), 0u);
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(CodeOf([&] { writer.Seek(-1, kSeekStart); }), EINVAL);
+    testing::internal::GetCapturedStdout();
+    char byte = 0;
+    EXPECT_NO_THROW(writer.Read(&byte, 1));
+    EXPECT_EQ(byte, 'a');
+    EXPECT_EQ(writer.m_state, 1);
+}
+
+TEST_F(FileWriter, DestructionClosesTheStreamWithAllItsBytes)
+{
+    {
+        CFileWriter writer;
+        ASSERT_EQ(writer.Init(Path("a").c_str(), 0, 0), 0u);
+        writer.Write("abc", 3);
+    }
+    EXPECT_EQ(Content("a"), "abc");
+}
+
 TEST_F(FileWriter, IsLocal)
 {
     CFileWriter writer;
+    EXPECT_TRUE(writer.IsLocal());
+}
+
+TEST_F(AppendFileWriter, IsLocal)
+{
+    CAppendFileWriter writer;
     EXPECT_TRUE(writer.IsLocal());
 }
 
@@ -255,6 +300,8 @@ struct Calls {
     std::wstring path;
     std::uint32_t blockSize = 0;
     std::uint32_t blockCount = 0;
+    std::vector<std::uint32_t> sizes;  // of the reads and writes
+    void* buffer = nullptr;            // of the last read
 };
 Calls* g_calls = nullptr;
 
@@ -281,12 +328,18 @@ ExternalIoFuncs Table()
     };
     funcs.seek = [](void* c, std::int64_t, std::int32_t) { s_log(c, "seek"); };
     funcs.flush = [](void* c) { s_log(c, "flush"); };
-    funcs.read = [](void* c, void*, std::uint32_t) {
+    // Fills the buffer with 1, 2, 3 ...
+    funcs.read = [](void* c, void* buffer, std::uint32_t size) {
         s_log(c, "read");
-        return static_cast<Calls*>(c)->result;
+        Calls& calls = *static_cast<Calls*>(c);
+        calls.sizes.push_back(size);
+        calls.buffer = buffer;
+        std::iota(static_cast<char*>(buffer), static_cast<char*>(buffer) + size, char{1});
+        return calls.result;
     };
-    funcs.write = [](void* c, const void*, std::uint32_t) {
+    funcs.write = [](void* c, const void*, std::uint32_t size) {
         s_log(c, "write");
+        static_cast<Calls*>(c)->sizes.push_back(size);
         return static_cast<Calls*>(c)->result;
     };
     return funcs;
@@ -338,6 +391,29 @@ TEST_F(External, EveryOperationIsForwarded)
     writer.Read(&byte, 1);
     writer.Write(&byte, 1);
     EXPECT_THAT(m_calls.names, ElementsAre("open", "tell", "seek", "flush", "read", "write"));
+}
+
+TEST_F(External, AReadFillsTheCallersOwnBuffer)
+{
+    ExternalWriter writer(&m_table);
+    ASSERT_EQ(writer.Init(L"p", 0, 0), 0u);
+    char three[4] = {};
+    writer.Read(three, 3);
+    EXPECT_EQ(m_calls.buffer, three);
+    EXPECT_THAT(m_calls.sizes, ElementsAre(3u));
+    EXPECT_THAT(three, ElementsAre(1, 2, 3, 0));
+}
+
+TEST_F(External, ABigEndianNumberIsOneCall)
+{
+    ExternalWriter writer(&m_table);
+    ASSERT_EQ(writer.Init(L"p", 0, 0), 0u);
+    WriteBE32(&writer, 1);
+    WriteBE64(&writer, 1);
+    EXPECT_EQ(ReadBE32(&writer), 0x01020304u);
+    EXPECT_EQ(ReadBE64(&writer), 0x0102030405060708u);
+    EXPECT_THAT(m_calls.names, ElementsAre("open", "write", "write", "read", "read"));
+    EXPECT_THAT(m_calls.sizes, ElementsAre(4u, 8u, 4u, 8u));
 }
 
 TEST_F(External, CloseReachesTheCallerOnce)

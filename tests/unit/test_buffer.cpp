@@ -65,6 +65,18 @@ TEST_F(Buffer, GrowsToTwiceTheNeedInStepsOfOneKibibyte)
     EXPECT_EQ(buffer.Size(), 1025u);
 }
 
+TEST_F(Buffer, KeepsItsContentWhenItGrows)
+{
+    Put("x");
+    Put(std::string(1024, 'y'));
+    EXPECT_EQ(Content(buffer), "x" + std::string(1024, 'y'));
+}
+
+TEST_F(Buffer, IsLocal)
+{
+    EXPECT_TRUE(buffer.IsLocal());
+}
+
 TEST_F(Buffer, ExactlyFullDoesNotGrow)
 {
     Put(std::string(1, 'x'));
@@ -266,6 +278,33 @@ TEST_F(Reader, ARecordAcrossTheBlocksEndIsWhole)
     EXPECT_EQ(CodeOf([&] { reader.Read(bytes, 1); }), 1000);
 }
 
+// Files of the block's own size and of one byte more, which takes a slide.
+TEST_F(Reader, DeliversAllButTheLastByteAtTheBlocksBorder)
+{
+    const std::uint32_t block = 0x1800000;
+    for (const std::uint32_t size : {block, block + 1}) {
+        Write(size);
+        CFastFileReader whole;
+        ASSERT_EQ(whole.Init(m_path.wstring().c_str(), 0, 0), 0u);
+        std::vector<std::uint8_t> most(block - 1);
+        whole.Read(most.data(), block - 1);
+        EXPECT_EQ(most.back(), static_cast<std::uint8_t>((block - 2) * 7));
+        if (size > block)
+            whole.Read(bytes, 1);
+        EXPECT_EQ(whole.Tell(), std::int64_t{size} - 1);
+        EXPECT_EQ(CodeOf([&] { whole.Read(bytes, 1); }), kEndOfData);
+    }
+}
+
+TEST_F(Reader, KeepsItsBlockOverAClose)
+{
+    Write(100);
+    ASSERT_EQ(Init(), 0u);
+    EXPECT_TRUE(reader.Close());
+    EXPECT_NO_THROW(reader.Read(bytes, 4));
+    EXPECT_EQ(std::vector<int>(bytes, bytes + 4), (std::vector<int>{0, 7, 14, 21}));
+}
+
 TEST_F(Reader, AReadLargerThanTheBlockIsTheEndOfData)
 {
     const std::uint32_t block = 0x1800000;
@@ -313,6 +352,18 @@ TEST(BufferPool, TheBufferReturnedLastGoesOutFirst)
     EXPECT_EQ(one->capacity, 10u);
     EXPECT_EQ(one->refCount, 1u);
     held = {one};
+    ReleaseBuffers(held);
+}
+
+TEST(BufferPool, ALargerRequestGrowsTheSameBufferToExactlyIt)
+{
+    CReadBufferPool pool;
+    RefBuffer* buffer = pool.GetBuffer(10);
+    std::list<RefBuffer*> held{buffer};
+    ReleaseBuffers(held);
+    EXPECT_EQ(pool.GetBuffer(11), buffer);
+    EXPECT_EQ(buffer->capacity, 11u);
+    held = {buffer};
     ReleaseBuffers(held);
 }
 

@@ -4,10 +4,13 @@
 #include <gmock/gmock.h>
 
 #include <cerrno>
+#include <cstdio>
 #include <filesystem>
 #include <fstream>
 #include <functional>
 #include <list>
+
+#include <unistd.h>
 
 namespace {
 
@@ -142,6 +145,32 @@ TEST_F(IoFailure, OfAFilesReadIsTheEndOfDataToo)
     ExpectFailure(writer, [&] { writer.Read(bytes, 3); }, kReadLine);
 }
 
+TEST_F(IoFailure, OfAFilesWriteIsAWriteError)
+{
+    CFileWriter writer;
+    ASSERT_EQ(writer.Init(Path("b").c_str(), 0, 0), 0u);
+    ExpectFailure(writer, [&] { writer.Write("", 0); }, kWriteLine);
+}
+
+// The print fails too and changes errno, which still says why the call failed.
+TEST_F(IoFailure, KeepsErrnoOverALineThatCannotBePrinted)
+{
+    const auto seeks = [this] {
+        if (!std::freopen("/dev/full", "w", stdout) || std::setvbuf(stdout, nullptr, _IONBF, 0))
+            return 2;
+        if (std::printf("x") >= 0 || errno != ENOSPC)
+            return 3;
+        errno = EROFS;
+        try {
+            buffer.Seek(4, kSeekStart);
+        } catch (const kv_mp4_exception& error) {
+            return errno == EROFS && error.code == EROFS && buffer.m_errno == EROFS ? 0 : 4;
+        }
+        return 5;
+    };
+    EXPECT_EXIT(_exit(seeks()), testing::ExitedWithCode(0), "");
+}
+
 // ---- Afterwards ----------------------------------------------------------------------------
 
 TEST_F(IoFailure, MakesNoSecondLineHoweverManyBoxesFollow)
@@ -208,6 +237,23 @@ TEST(AnExternalOutput, CannotFailASeekOrAFlush)
     EXPECT_NO_THROW(writer.Flush());
     EXPECT_EQ(writer.m_state, kStateOpen);
     EXPECT_EQ(writer.m_errno, 0);
+}
+
+TEST(AnExternalOutput, ThatFailsAReadOrAWritePrintsTheEndOfData)
+{
+    ExternalIoFuncs table{};
+    table.open = [](void**, const wchar_t*, std::uint32_t, std::uint32_t) -> std::uint8_t {
+        return 1;
+    };
+    table.read = [](void*, void*, std::uint32_t) { return 0; };
+    table.write = [](void*, const void*, std::uint32_t) { return 0; };
+    char byte = 0;
+    for (const bool reads : {true, false}) {
+        ExternalWriter writer(&table);
+        EXPECT_EQ(writer.Init(L"a", 0, 0), 0u);
+        ExpectFailure(writer, [&] { reads ? writer.Read(&byte, 1) : writer.Write("a", 1); },
+                      kReadLine);
+    }
 }
 
 TEST(AnExternalOutput, ThatWasClosedIsAskedNothing)

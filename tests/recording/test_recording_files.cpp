@@ -285,9 +285,11 @@ TEST(TheInfoPath, MayHave1024CharactersWithItsEnd)
             path += L"./";
         return path + std::wstring(length - path.size() - 4, L'a') + L".mp4";
     };
+    const LogCapture log;
     mp4_handle handle = nullptr;
     EXPECT_EQ(Create(ofLength(1019), MP4_OPEN_INFO_FILE, MP4_IO_FILE, handle), 4u);
     EXPECT_TRUE(folder.IsEmpty());
+    EXPECT_THAT(log.Lines().back(), testing::StartsWith("info Muxer - Close - uninit takes "));
     ASSERT_EQ(Create(ofLength(1018), MP4_OPEN_INFO_FILE, MP4_IO_FILE, handle), 0u);
     EXPECT_EQ(mp4_close_file(handle), 0u);
 }

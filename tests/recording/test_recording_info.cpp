@@ -20,10 +20,10 @@ public:
     {
     }
     mp4_handle File() const { return rec.Handle(); }
-    // The packets, after a clean close.
-    Bytes Packets()
+    // The packets, after a close with this status.
+    Bytes Packets(std::uint32_t status = 0)
     {
-        EXPECT_EQ(rec.CloseStatus(), 0u);
+        EXPECT_EQ(rec.CloseStatus(), status);
         const Bytes all = log.Read();
         EXPECT_EQ(Bytes(all.begin(), all.begin() + 5), Hex("10 00000024"));
         return {all.begin() + 5, all.end()};
@@ -178,6 +178,40 @@ TEST(AVideoTrackPacket, HoldsTheSetsFoundInTheStream)
                   Hex("04 0000000000000007 0000000000000007 01 0000002F"));
 }
 
+namespace {
+
+// The packets of an H.264 track of 160x120 without sets, which the first frame brings: an SPS of
+// `size` bytes and a PPS of two.
+Bytes PacketsOfALongSps(std::size_t size, std::uint32_t closeStatus)
+{
+    Logged file;
+    mp4_video_track_info info{};
+    info.timescale = 1000;
+    info.width = 160;
+    info.height = 120;
+    EXPECT_EQ(mp4_set_video_track(file.File(), &info), 0u);
+    EXPECT_EQ(file.rec.Video(Unit(0x67, size) + Hex("000001 68 EE"), 0), 0u);
+    return file.Packets(closeStatus);
+}
+
+}  // namespace
+
+// 65536 is 0 in 16 bits: a set of no bytes. The index cannot hold it; that is the close's status.
+TEST(AVideoTrackPacket, HoldsNoneOfASetOf65536Bytes)
+{
+    EXPECT_EQ(PacketsOfALongSps(65536, 1),
+              Hex("02 000003E8 0000000000000000 00 00A0 0078 00000000 00000002 68EE"
+                  "04 0000000000000000 0000000000000000 00 0001000A"));  // 4 + 65536 + 4 + 2
+}
+
+TEST(AVideoTrackPacket, HoldsTheBytesThatTheLow16BitsOfALengthLeave)
+{
+    EXPECT_EQ(PacketsOfALongSps(65560, 0),
+              Hex("02 000003E8 0000000000000000 00 00A0 0078 00000018 67") + Bytes(23, 0xAB) +
+                  Hex("00000002 68EE"
+                      "04 0000000000000000 0000000000000000 00 00010022"));
+}
+
 TEST(AnAudioTrackPacket, HoldsTheRecord)
 {
     Logged file;
@@ -187,6 +221,14 @@ TEST(AnAudioTrackPacket, HoldsTheRecord)
     const Bytes packet = Hex("03 01020304 05060708090A0B0C 01 BB80 0102 05");
     EXPECT_EQ(packet.size(), 19u);
     EXPECT_EQ(file.Packets(), packet);
+}
+
+TEST(AnAudioTrackPacket, HoldsAnyCodec)
+{
+    Logged file;
+    const mp4_audio_track_info info{48000, 0, 7, 48000, 2, 2};
+    EXPECT_EQ(mp4_set_audio_track(file.File(), &info), 0u);
+    EXPECT_EQ(file.Packets(), Hex("03 0000BB80 0000000000000000 07 BB80 0002 02"));
 }
 
 TEST(AnAudioTrackPacket, IsNotWrittenForARefusedRecord)
@@ -209,6 +251,25 @@ TEST(AnAudioTrackPacket, WaitsForTheFirstAdtsFrame)
     EXPECT_EQ(file.Packets(), Hex("03 0000AC44 0000000000000000 02 AC44 0002 02"
                                   "05 0000000100000000 00000004"
                                   "05 0000000100000400 00000004"));
+}
+
+// The reverse of the record's order.
+TEST(ACaptionTrackPacket, HoldsTheTimescaleAheadOfTheCodec)
+{
+    Logged file;
+    for (const mp4_subtitle_track_info info :
+         {mp4_subtitle_track_info{MP4_SUBTITLE_CEA608, 0}, {MP4_SUBTITLE_CEA708, 0x01020304}})
+        EXPECT_EQ(mp4_set_subtitle_track(file.File(), &info), 0u);
+    EXPECT_EQ(file.Packets(), Hex("06 000003E8 01"  // 0 stands for 1000
+                                  "06 01020304 02"));
+}
+
+TEST(ATimeCodeTrackPacket, HoldsTheRecord)
+{
+    Logged file;
+    const mp4_time_code_track_info info{0x01020304, 0x0102030405060708, 30, 0xFFFFFFFF};
+    EXPECT_EQ(mp4_set_time_code_track(file.File(), &info), 0u);
+    EXPECT_EQ(file.Packets(), Hex("08 01020304 0102030405060708 1E FFFFFFFF"));
 }
 
 // ---- Sample packets ----------------------------------------------------------------------------
@@ -286,6 +347,30 @@ TEST(AMetadataPacket, HasTheCallersBytesForAnyOtherType)
                                   "01 15 00000006 'com.n' 00 00000004 01 02 03 04 00000000"
                                   "01 07 00000006 'com.t' 00 00000002 'ab' 00000000"
                                   "01 00 00000006 'title' 00 00000002 'ab' 00000000"));
+}
+
+// Which is that of an integer here, and of nothing that the store knows.
+TEST(AMetadataPacket, HasTheLowByteOfTheType)
+{
+    Logged file;
+    EXPECT_EQ(mp4_set_metadata_ex(file.File(), "com.n", "ab", 2, 0x115, nullptr), 0u);
+    EXPECT_EQ(file.Packets(), Hex("01 15 00000006 'com.n' 00 00000002 'ab' 00000000"));
+}
+
+TEST(AMetadataPacket, HasAnEmptyNamespaceAsItsEndMark)
+{
+    Logged file;
+    EXPECT_EQ(mp4_set_metadata_ex(file.File(), "com.a", "x", 0, 1, ""), 0u);
+    EXPECT_EQ(file.Packets(), Hex("01 01 00000006 'com.a' 00 00000002 'x' 00 00000001 00"));
+}
+
+// The store has no use for it.
+TEST(AMetadataPacket, HasTheNamespaceOfANamedItemToo)
+{
+    Logged file;
+    EXPECT_EQ(mp4_set_metadata_ex(file.File(), "title", "x", 0, 1, "mine"), 0u);
+    EXPECT_EQ(file.Packets(),
+              Hex("01 01 00000006 'title' 00 00000002 'x' 00 00000005 'mine' 00"));
 }
 
 TEST(AMetadataPacket, IsNotWrittenForARefusedKey)

@@ -43,6 +43,15 @@ TEST(AnInfoFileThatCannotBeOpened, FailsTheCreateBeforeTheOutput)
     EXPECT_FALSE(log.Has("error init CFileWriter writer failed"));
 }
 
+TEST(AnInfoFileThatCannotBeOpened, LetsTheWholeCloseRun)
+{
+    Folder folder;
+    const LogCapture log;
+    mp4_handle file = nullptr;
+    EXPECT_EQ(Create(folder / "none" / "clip.mp4", file), 12u);
+    EXPECT_THAT(log.Lines().back(), testing::StartsWith("info Muxer - Close - uninit takes "));
+}
+
 TEST(AnOutputThatCannotBeOpened, TakesTheInfoFileAlong)
 {
     Folder folder;
@@ -173,6 +182,32 @@ TEST(AnInfoPacketThatFails, DoesNotDropTheFrameThatBroughtTheTrack)
     EXPECT_EQ(out.rec.Video(Unit(0x65), 40), 0u);
     EXPECT_EQ(Samples(out.rec.Close(), "trak.vide").size(), 2u);
     EXPECT_LE(out.log.Size(), 100u);
+}
+
+// Even the writes of an empty value, which writes nothing: errno stays what it was.
+TEST(AnInfoPacketThatFails, MayHaveAnEmptyValue)
+{
+    Recording rec("clip.mp4", MP4_OPEN_INFO_FILE);
+    const KeptLog log(rec.InfoPath());
+    const StdoutCapture quiet;
+    errno = 0;
+    EXPECT_EQ(mp4_set_metadata_ex(rec.Handle(), "com.a", "", 0, MP4_METADATA_INTEGER, nullptr), 1u);
+    EXPECT_EQ(rec.SetAac(), 0u);  // not logged any more
+    EXPECT_EQ(log.Read(), Hex("10 00000024  01 15 00000006 'com.a' 00 00000000"));
+}
+
+TEST(AFailedMediaWrite, GetsNoPacket)
+{
+    Folder folder;
+    ExternalSink sink;
+    Recording rec(sink, (folder / "clip.mp4").string(), MP4_OPEN_INFO_FILE);
+    const KeptLog log(folder / "clip.mp4.info");
+    EXPECT_EQ(rec.SetAac(), 0u);
+    sink.FailWrite(1, ENOSPC);
+    const StdoutCapture quiet;
+    EXPECT_EQ(rec.Audio(Bytes(9, 1), 0), 16u);
+    EXPECT_EQ(rec.CloseStatus(), 16u);
+    EXPECT_EQ(log.Size(), 5u + 19);
 }
 
 // ---- At a flush --------------------------------------------------------------------------------

@@ -142,6 +142,22 @@ TEST(Version1, WidensTheHeadersAgain)
     }
 }
 
+// The recorder's other flags have done their work.
+TEST(TheFlagsOfTheLog, CountWithTheirLowestTwoBits)
+{
+    for (const bool large : {false, true}) {
+        for (const std::uint8_t low : Bytes{0, 1}) {
+            const auto flags = static_cast<std::uint8_t>(low + (large ? 2 : 0));
+            const auto all = static_cast<std::uint8_t>(0xFC | flags);
+            Wreck plain(DeadFile(60, large), ThreeFrames(flags));
+            Wreck other(DeadFile(60, large), ThreeFrames(all));
+            EXPECT_EQ(plain.Repair(), 0u);
+            EXPECT_EQ(other.Repair(), 0u);
+            EXPECT_EQ(other.Media().All(), plain.Media().All());
+        }
+    }
+}
+
 // ---- The end of the file -------------------------------------------------------------------
 
 TEST(AMoovShorterThanTheTail, EndsTheFileAndNoFreeBoxStays)
@@ -237,8 +253,8 @@ TEST(TimeCodes, MakeMoovBegin4BytesEarlierEach)
 
 TEST(MovAnywhereInThePath, MakesTheRepairedIndexAQuickTimeOne)
 {
-    for (const std::string name : {"clip.mp4", "removed.mp4", "MOV.mp4"}) {
-        const bool quickTime = name == "removed.mp4";
+    for (const std::string name : {"clip.mp4", "removed.mp4", "MOV.mp4", "movies/clip.mp4"}) {
+        const bool quickTime = name == "removed.mp4" || name == "movies/clip.mp4";
         InfoLog log;
         log.ProRes().Aac().TimeCodeTrack().TimeCode(0).Video(0, 10).Audio(0, 10).Closed();
         Wreck wreck(DeadFile(24), log, name);
@@ -262,6 +278,18 @@ TEST(Interleaving, BreaksChunksWhereTheRecordingDid)
     EXPECT_EQ(Words(file.Box("moov/trak.soun/mdia/minf/stbl/stco"), 12),
               (std::vector<std::uint32_t>{1, 64}));
     EXPECT_THAT(file.Complaints(), IsEmpty());
+}
+
+// Its bytes are in mdat and its size in stsz; no chunk holds it.
+TEST(AFrameAheadOfItsSetUp, KeepsItsPlaceAndItsSize)
+{
+    Wreck wreck(DeadFile(30), InfoLog().Video(0, 10).ProRes().Video(40, 20).Closed());
+    EXPECT_EQ(wreck.Repair(), 0u);
+    const BoxFile file = wreck.Media();
+    EXPECT_EQ(file.U32(36), 8u + 10 + 20);
+    EXPECT_EQ(Words(file.Box(kStbl + "stsz"), 16), (std::vector<std::uint32_t>{2, 10, 20}));
+    EXPECT_EQ(Words(file.Box(kStbl + "stco"), 12), (std::vector<std::uint32_t>{1, 44 + 10}));
+    EXPECT_EQ(Words(file.Box(kStbl + "stsc"), 12), (std::vector<std::uint32_t>{1, 1, 1, 1}));
 }
 
 TEST(TheKeyFlag, IsSetForAnyByteButZero)

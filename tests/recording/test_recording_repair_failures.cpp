@@ -233,6 +233,14 @@ TEST(AMediaFile, NeedsTheFirst8BytesOfTheHeaderOfMdat)
     EXPECT_EQ(large.Media().U32(52 + 10 + 4), 0x6D6F6F76u);  // "moov"
 }
 
+// A sum of 64 bits: it does not wrap to a place inside the file.
+TEST(AMediaFile, EndsBeforeAnMdatAtTheEndOf32Bits)
+{
+    Wreck wreck(DeadFile(30), InfoLog(16, 0xFFFFFFFC).ProRes().Video(0, 10).Closed());
+    EXPECT_EQ(wreck.Repair(), 0u);
+    EXPECT_EQ(wreck.Media().All().size(), 0u);
+}
+
 TEST(AnEmptiedFile, StaysEmptyInASecondRun)
 {
     Wreck wreck(DeadFile(30), InfoLog().Closed());

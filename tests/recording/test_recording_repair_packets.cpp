@@ -96,6 +96,17 @@ TEST(ARepairedKey, WithoutANamespaceGetsTheUsualOne)
                                    "00000000 00000107"));
 }
 
+TEST(ARepairedKey, MayHaveAText)
+{
+    InfoLog log = InfoLog().ProRes();
+    log.Metadata(MP4_METADATA_TEXT, EndedText("com.a"), EndedText("Hi"));
+    const BoxFile file = Repaired(log);
+    EXPECT_EQ(file.Box("moov/udta/meta/keys"),
+              Hex("0000001D 'keys' 00000000 00000001 0000000D 'mdta' 'com.a'"));
+    EXPECT_EQ(file.Box(kIlst), Hex("00000022 'ilst' 0000001A 00000001 00000012 'data' 00000001 "
+                                   "00000000 'Hi'"));
+}
+
 TEST(ARepairedKey, StaysWithoutItsRefusedValue)
 {
     InfoLog log = InfoLog().ProRes();

@@ -115,6 +115,7 @@ Bytes Slice(const Bytes& bytes, std::size_t begin, std::size_t end)
 
 Wreck::Wreck(const Bytes& media, const Bytes& log, const std::string& name) : m_name(name)
 {
+    std::filesystem::create_directories(Path().parent_path());
     WriteBytes(Path(), media);
     WriteBytes(InfoPath(), log);
 }

@@ -1,5 +1,6 @@
 #include "BaseIO.h"
 
+#include "big_endian.h"
 #include "log.h"
 #include "platform.h"
 
@@ -26,8 +27,7 @@ void IBaseIO::FailSeek(std::int32_t error, int line)
 {
     m_state = kStateFailed;
     m_errno = error;
-    PrintLine("BaseIO : Error - [line %d] Seek error %s !\n\n", line,
-              std::strerror(error));
+    PrintLine("BaseIO : Error - [line %d] Seek error %s !\n\n", line, std::strerror(error));
     throw kv_mp4_exception(error);
 }
 
@@ -35,8 +35,7 @@ void IBaseIO::FailWrite(std::int32_t error, int line)
 {
     m_state = kStateFailed;
     m_errno = error;
-    PrintLine("BaseIO : Error - [line %d] Write error %s !\n\n", line,
-              std::strerror(error));
+    PrintLine("BaseIO : Error - [line %d] Write error %s !\n\n", line, std::strerror(error));
     throw kv_mp4_exception(error);
 }
 
@@ -219,8 +218,7 @@ void WriteBE(IBaseIO* io, T value)
     if (!io->IsOpen())
         return;
     std::uint8_t bytes[sizeof(T)];
-    for (std::size_t i = 0; i < sizeof(T); ++i)
-        bytes[i] = static_cast<std::uint8_t>(value >> (8 * (sizeof(T) - 1 - i)));
+    StoreBE<sizeof(T)>(bytes, value);
     io->Write(bytes, sizeof(T));
 }
 
@@ -231,10 +229,7 @@ T ReadBE(IBaseIO* io)
         return 0;
     std::uint8_t bytes[sizeof(T)];
     io->Read(bytes, sizeof(T));
-    T value = 0;
-    for (const std::uint8_t byte : bytes)
-        value = static_cast<T>(value << 8 | byte);
-    return value;
+    return LoadBE<T>(bytes);
 }
 
 }  // namespace

@@ -2,6 +2,7 @@
 // were handed over. A failure ends the log, never the recording.
 #include "Mp4Muxer.h"
 
+#include "big_endian.h"
 #include "log.h"
 
 #include <cstring>
@@ -33,18 +34,17 @@ public:
     explicit CSamplePacket(InfoTag tag) { U8(static_cast<std::uint8_t>(tag)); }
 
     void U8(std::uint8_t value) { m_bytes[m_size++] = value; }
-    void U32(std::uint32_t value) { BigEndian(value); }
-    void U64(std::uint64_t value) { BigEndian(value); }
+    void U32(std::uint32_t value) { BigEndian<4>(value); }
+    void U64(std::uint64_t value) { BigEndian<8>(value); }
 
     void WriteTo(IBaseIO& target) const { CFieldWriter(target).Bytes(m_bytes, m_size); }
 
 private:
-    template <typename T>
-    void BigEndian(T value)
+    template <std::size_t Width>
+    void BigEndian(std::uint64_t value)
     {
-        for (std::size_t i = 0; i < sizeof(T); ++i)
-            m_bytes[m_size + i] = static_cast<std::uint8_t>(value >> (8 * (sizeof(T) - 1 - i)));
-        m_size += sizeof(T);
+        StoreBE<Width>(m_bytes + m_size, value);
+        m_size += Width;
     }
 
     std::uint8_t m_bytes[1 + 8 + 8 + 1 + 4];  // a video frame's, the longest

@@ -4,6 +4,7 @@
 // counts.
 #pragma once
 
+#include "big_endian.h"
 #include "info_format.h"
 #include "moov.h"
 
@@ -11,7 +12,6 @@
 #include <cstdint>
 #include <list>
 #include <memory>
-#include <utility>
 
 class CMp4Repair {
 public:
@@ -73,8 +73,5 @@ T CMp4Repair::Field()
         return 0;
     std::uint8_t bytes[sizeof(T)];
     m_reader.Read(bytes, sizeof(T));
-    // Written out, so that the compiler makes one load and one swap of it: for every field.
-    return [&bytes]<std::size_t... I>(std::index_sequence<I...>) {
-        return static_cast<T>((... | (std::uint64_t{bytes[I]} << 8 * (sizeof(T) - 1 - I))));
-    }(std::make_index_sequence<sizeof(T)>());
+    return LoadBE<T>(bytes);
 }

@@ -14,8 +14,7 @@ constexpr std::uint32_t kTimeCodeSize = 4;  // bytes
 
 // Ends the log at a packet that makes no sense. `error` is errno, read before anything is printed;
 // no system call has failed here, so it says little.
-[[noreturn]] void FailPacket(std::int32_t error,
-                             int line = __builtin_LINE())
+[[noreturn]] void FailPacket(std::int32_t error, int line = __builtin_LINE())
 {
     PrintLine("[line %d] Read EOF !\n", line);
     throw kv_mp4_exception(error);

@@ -5,6 +5,7 @@
 #pragma once
 
 #include "BaseIO.h"
+#include "big_endian.h"
 
 #include <cstdint>
 #include <cstring>
@@ -56,8 +57,7 @@ private:
         if (!m_target.IsOpen())
             return;
         std::uint8_t bytes[Width];
-        for (std::size_t i = 0; i < Width; ++i)
-            bytes[i] = static_cast<std::uint8_t>(value >> (8 * (Width - 1 - i)));
+        StoreBE<Width>(bytes, value);
         m_target.Write(bytes, Width);
     }
 

@@ -1,5 +1,7 @@
 #include "stbl.h"
 
+#include "big_endian.h"
+
 #include <cstring>
 
 namespace {
@@ -10,14 +12,6 @@ constexpr std::uint32_t kTimeCodeSampleSize = 4;  // bytes
 // long recording never stands in memory a second time.
 constexpr std::uint64_t kBlockSize = 0x10000;
 
-void PutBE32(std::uint8_t* bytes, std::uint32_t value)
-{
-    bytes[0] = static_cast<std::uint8_t>(value >> 24);
-    bytes[1] = static_cast<std::uint8_t>(value >> 16);
-    bytes[2] = static_cast<std::uint8_t>(value >> 8);
-    bytes[3] = static_cast<std::uint8_t>(value);
-}
-
 // One entry, one write. These run for every frame, hence the buffer by its final class, whose Write
 // the compiler can place here. A table whose memory failed once takes no more entries.
 void Append32(CBufferIO& table, std::uint32_t value)
@@ -25,7 +19,7 @@ void Append32(CBufferIO& table, std::uint32_t value)
     if (!table.IsOpen())
         return;
     std::uint8_t bytes[4];
-    PutBE32(bytes, value);
+    StoreBE<4>(bytes, value);
     table.Write(bytes, sizeof bytes);
 }
 
@@ -34,8 +28,8 @@ void AppendPair(CBufferIO& table, std::uint32_t first, std::uint32_t second)
     if (!table.IsOpen())
         return;
     std::uint8_t bytes[8];
-    PutBE32(bytes, first);
-    PutBE32(bytes + 4, second);
+    StoreBE<4>(bytes, first);
+    StoreBE<4>(bytes + 4, second);
     table.Write(bytes, sizeof bytes);
 }
 
@@ -44,9 +38,9 @@ void AppendTriple(CBufferIO& table, std::uint32_t first, std::uint32_t second, s
     if (!table.IsOpen())
         return;
     std::uint8_t bytes[12];
-    PutBE32(bytes, first);
-    PutBE32(bytes + 4, second);
-    PutBE32(bytes + 8, third);
+    StoreBE<4>(bytes, first);
+    StoreBE<4>(bytes + 4, second);
+    StoreBE<4>(bytes + 8, third);
     table.Write(bytes, sizeof bytes);
 }
 
@@ -140,13 +134,13 @@ void CMp4StszAtom::Write()
     const auto size = static_cast<std::uint32_t>(m_buffer.Size());
     const bool compact = AllEqual();
     std::uint8_t header[20];
-    PutBE32(header, compact ? 20 : size + 20);
+    StoreBE<4>(header, compact ? 20 : size + 20);
     std::memcpy(header + 4, "stsz", 4);
-    PutBE32(header + 8, 0);   // version and flags
-    PutBE32(header + 12, 0);  // the common size
+    StoreBE<4>(header + 8, 0);   // version and flags
+    StoreBE<4>(header + 12, 0);  // the common size
     if (compact && m_buffer.Data())
         std::memcpy(header + 12, m_buffer.Data(), 4);
-    PutBE32(header + 16, size / 4);  // sample count
+    StoreBE<4>(header + 16, size / 4);  // sample count
     // Two writes and the block, as for every table.
     CFieldWriter sink(*m_io);
     sink.Bytes(header, 8);

@@ -1,4 +1,5 @@
 #include "BaseIO.h"
+#include "thrown.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -43,18 +44,6 @@ protected:
 
 using FileWriter = InFolder;
 using AppendFileWriter = InFolder;
-
-// What a call throws, as the exception's code; INT32_MIN when it throws nothing.
-template <typename Call>
-std::int32_t CodeOf(Call call)
-{
-    try {
-        call();
-    } catch (const kv_mp4_exception& error) {
-        return error.code;
-    }
-    return INT32_MIN;
-}
 
 }  // namespace
 
@@ -133,9 +122,9 @@ TEST_F(FileWriter, AWriteOfZeroBytesFails)
     CFileWriter writer;
     ASSERT_EQ(writer.Init(Path("a").c_str(), 0, 0), 0u);
     errno = ENOSPC;
-    testing::internal::CaptureStdout();
-    EXPECT_EQ(CodeOf([&] { writer.Write("", 0); }), ENOSPC);
-    EXPECT_THAT(testing::internal::GetCapturedStdout(), HasSubstr("Write error No space left"));
+    std::string line;
+    EXPECT_EQ(CodeOf([&] { writer.Write("", 0); }, &line), ENOSPC);
+    EXPECT_THAT(line, HasSubstr("Write error No space left"));
     EXPECT_EQ(writer.m_state, 1);
     EXPECT_EQ(writer.m_errno, ENOSPC);
 }
@@ -145,9 +134,9 @@ TEST_F(FileWriter, AReadOfZeroBytesFails)
     CFileWriter writer;
     ASSERT_EQ(writer.Init(Path("a").c_str(), 0, 0), 0u);
     char byte = 0;
-    testing::internal::CaptureStdout();
-    EXPECT_NE(CodeOf([&] { writer.Read(&byte, 0); }), INT32_MIN);
-    EXPECT_THAT(testing::internal::GetCapturedStdout(), EndsWith("] Read EOF !\n"));
+    std::string line;
+    EXPECT_NE(CodeOf([&] { writer.Read(&byte, 0); }, &line), INT32_MIN);
+    EXPECT_THAT(line, EndsWith("] Read EOF !\n"));
     EXPECT_EQ(writer.m_state, 1);
 }
 
@@ -155,10 +144,11 @@ TEST(FullDevice, AFailedFlushReportsAWriteError)
 {
     CFileWriter writer;
     ASSERT_EQ(writer.Init(L"/dev/full", 0, 0), 0u);
-    testing::internal::CaptureStdout();  // first: it flushes every stream of the process
-    writer.Write("abc", 3);
-    EXPECT_EQ(CodeOf([&] { writer.Flush(); }), ENOSPC);
-    const std::string line = testing::internal::GetCapturedStdout();
+    std::string line;
+    EXPECT_EQ(CodeOf([&] {
+        writer.Write("abc", 3);  // here: the capture of the line flushes every stream of the process
+        writer.Flush();
+    }, &line), ENOSPC);
     EXPECT_THAT(line, HasSubstr("BaseIO : Error - [line "));
     EXPECT_THAT(line, EndsWith("] Write error No space left on device !\n\n"));
     EXPECT_EQ(writer.m_errno, ENOSPC);
@@ -168,10 +158,9 @@ TEST_F(FileWriter, AFailedSeekReportsASeekError)
 {
     CFileWriter writer;
     ASSERT_EQ(writer.Init(Path("a").c_str(), 0, 0), 0u);
-    testing::internal::CaptureStdout();
-    EXPECT_EQ(CodeOf([&] { writer.Seek(-1, kSeekStart); }), EINVAL);
-    EXPECT_THAT(testing::internal::GetCapturedStdout(),
-                EndsWith("] Seek error Invalid argument !\n\n"));
+    std::string line;
+    EXPECT_EQ(CodeOf([&] { writer.Seek(-1, kSeekStart); }, &line), EINVAL);
+    EXPECT_THAT(line, EndsWith("] Seek error Invalid argument !\n\n"));
     EXPECT_EQ(writer.m_state, 1);
 }
 
@@ -212,9 +201,7 @@ TEST_F(FileWriter, TakesAWriteInAnyState)
 {
     CFileWriter writer;
     ASSERT_EQ(writer.Init(Path("a").c_str(), 0, 0), 0u);
-    testing::internal::CaptureStdout();
     EXPECT_EQ(CodeOf([&] { writer.Seek(-1, kSeekStart); }), EINVAL);
-    testing::internal::GetCapturedStdout();
     EXPECT_NO_THROW(writer.Write("a", 1));
     EXPECT_EQ(writer.m_state, 1);
     writer.Close();
@@ -226,9 +213,7 @@ TEST_F(AppendFileWriter, TakesAReadInAnyState)
     Put("a", "abc");
     CAppendFileWriter writer;
     ASSERT_EQ(writer.Init(Path("a").c_str(), 0, 0), 0u);
-    testing::internal::CaptureStdout();
     EXPECT_EQ(CodeOf([&] { writer.Seek(-1, kSeekStart); }), EINVAL);
-    testing::internal::GetCapturedStdout();
     char byte = 0;
     EXPECT_NO_THROW(writer.Read(&byte, 1));
     EXPECT_EQ(byte, 'a');
@@ -441,9 +426,8 @@ TEST_F(External, AFailedWritePrintsTheLineOfARead)
     ASSERT_EQ(writer.Init(L"p", 0, 0), 0u);
     m_calls.result = 2;  // only exactly 1 is success
     errno = EROFS;
-    testing::internal::CaptureStdout();
-    EXPECT_EQ(CodeOf([&] { writer.Write("x", 1); }), EROFS);
-    const std::string line = testing::internal::GetCapturedStdout();
+    std::string line;
+    EXPECT_EQ(CodeOf([&] { writer.Write("x", 1); }, &line), EROFS);
     EXPECT_THAT(line, testing::StartsWith("[line "));
     EXPECT_THAT(line, EndsWith("] Read EOF !\n"));
     EXPECT_EQ(writer.m_state, 1);
@@ -457,9 +441,7 @@ TEST_F(External, AFailedReadKeepsErrnoEvenWhenItIsZero)
     m_calls.result = 0;
     errno = 0;
     char byte = 0;
-    testing::internal::CaptureStdout();
     EXPECT_EQ(CodeOf([&] { writer.Read(&byte, 1); }), 0);
-    testing::internal::GetCapturedStdout();
     EXPECT_EQ(ErrorFromErrno(writer.m_errno), 1u);
 }
 

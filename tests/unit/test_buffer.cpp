@@ -1,4 +1,5 @@
 #include "BaseIO.h"
+#include "thrown.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -16,20 +17,6 @@
 namespace {
 
 using testing::HasSubstr;
-
-template <typename Call>
-std::int32_t CodeOf(Call call)
-{
-    testing::internal::CaptureStdout();
-    std::int32_t code = INT32_MIN;
-    try {
-        call();
-    } catch (const kv_mp4_exception& error) {
-        code = error.code;
-    }
-    testing::internal::GetCapturedStdout();
-    return code;
-}
 
 std::string Content(const CBufferIO& buffer)
 {

@@ -3,6 +3,7 @@
 // fail: realloc, the new of a record that may be null, and platform::WriteItem.
 #include "Mp4Muxer.h"
 #include "boxes.h"
+#include "thrown.h"
 
 #include <gmock/gmock.h>
 
@@ -70,26 +71,6 @@ namespace {
 using testing::EndsWith;
 using testing::HasSubstr;
 
-// What a call throws: an integer, or the code of the I/O layer's exception; INT32_MIN for nothing.
-// What it prints is in `printed`.
-template <typename Call>
-std::int32_t Thrown(Call call, std::string* printed = nullptr)
-{
-    testing::internal::CaptureStdout();
-    std::int32_t code = INT32_MIN;
-    try {
-        call();
-    } catch (const kv_mp4_exception& error) {
-        code = error.code;
-    } catch (int number) {
-        code = number;
-    }
-    const std::string text = testing::internal::GetCapturedStdout();
-    if (printed)
-        *printed = text;
-    return code;
-}
-
 // A folder that goes with its test.
 struct InFolder : testing::Test {
     InFolder()
@@ -119,7 +100,7 @@ TEST(PoolWithoutMemory, ForTheDataThrows33AndKeepsTheRecord)
     CReadBufferPool pool;
     {
         const Fault fault(g_realloc);
-        EXPECT_EQ(Thrown([&] { pool.GetBuffer(10); }), 33);
+        EXPECT_EQ(CodeOf([&] { pool.GetBuffer(10); }), 33);
     }
     std::list<RefBuffer*> held{pool.GetBuffer(0)};
     EXPECT_EQ(held.front()->capacity, 0u);
@@ -135,7 +116,7 @@ TEST(PoolWithoutMemory, ToGrowABufferThrows33AndForgetsItsCapacity)
     ReleaseBuffers(held);
     {
         const Fault fault(g_realloc);
-        EXPECT_EQ(Thrown([&] { pool.GetBuffer(11); }), 33);
+        EXPECT_EQ(CodeOf([&] { pool.GetBuffer(11); }), 33);
     }
     held = {pool.GetBuffer(5)};
     EXPECT_EQ(held.front()->capacity, 5u);
@@ -145,7 +126,7 @@ TEST(PoolWithoutMemory, ToGrowABufferThrows33AndForgetsItsCapacity)
 TEST(PoolWithoutMemory, ForTheRecordThrows83AndLeavesNoLeak)
 {
     std::string printed;
-    EXPECT_EQ(Thrown([] {
+    EXPECT_EQ(CodeOf([] {
         CReadBufferPool pool;
         const Fault fault(g_newRecord);
         pool.GetBuffer(10);
@@ -161,7 +142,7 @@ TEST(PoolWithoutMemory, ForTheDataOfAnIdleBufferKeepsItForTheNext)
     ReleaseBuffers(held);
     {
         const Fault fault(g_realloc);
-        EXPECT_EQ(Thrown([&] { pool.GetBuffer(11); }), 33);
+        EXPECT_EQ(CodeOf([&] { pool.GetBuffer(11); }), 33);
     }
     held = {pool.GetBuffer(3)};
     EXPECT_EQ(held.front(), first);
@@ -177,7 +158,7 @@ TEST(ABufferWithoutMemory, ReportsAWriteErrorAndDropsItsStore)
     buffer.Write("abc", 3);
     std::string printed;
     const Fault fault(g_realloc);
-    EXPECT_EQ(Thrown([&] { buffer.Reserve(2000); }, &printed), ENOMEM);
+    EXPECT_EQ(CodeOf([&] { buffer.Reserve(2000); }, &printed), ENOMEM);
     EXPECT_THAT(printed, testing::StartsWith("BaseIO : Error - [line "));
     EXPECT_THAT(printed, EndsWith("] Write error Cannot allocate memory !\n\n"));
     EXPECT_EQ(buffer.m_state, kStateFailed);
@@ -197,10 +178,10 @@ TEST(ATableWithoutMemory, DropsWhatIsAppendedLater)
     EXPECT_EQ(on.Written().size(), 20u + 1024);
     {
         const Fault fault(g_realloc);
-        EXPECT_EQ(Thrown([&] { on.box.AddSample(256); }), ENOMEM);
+        EXPECT_EQ(CodeOf([&] { on.box.AddSample(256); }), ENOMEM);
     }
     // Memory would be there again, but the table takes nothing more.
-    EXPECT_EQ(Thrown([&] { on.box.AddSample(257); }), INT32_MIN);
+    EXPECT_EQ(CodeOf([&] { on.box.AddSample(257); }), INT32_MIN);
     EXPECT_EQ(U32At(on.Written(), 16), 256u);
 }
 
@@ -212,9 +193,9 @@ TEST(ATableWithoutMemory, LeavesTheOtherTablesOfItsTrackAlone)
         add(i);
     {
         const Fault fault(g_realloc);
-        EXPECT_EQ(Thrown([&] { add(256); }), ENOMEM);
+        EXPECT_EQ(CodeOf([&] { add(256); }), ENOMEM);
     }
-    EXPECT_EQ(Thrown([&] { add(257); }), INT32_MIN);
+    EXPECT_EQ(CodeOf([&] { add(257); }), INT32_MIN);
     const std::string stsc = Find(on.Written(), "stbl/stsc");
     EXPECT_EQ(U32At(stsc, 20), 258u);  // counted ahead of the size that failed
 }
@@ -233,7 +214,7 @@ TEST_F(FailingMemory, OfATableLeavesTheFrameCallAndTheFileCanBeClosed)
         ASSERT_EQ(write(i), 0u);
     {
         const Fault fault(g_realloc);
-        EXPECT_EQ(Thrown([&] { write(256); }), ENOMEM);
+        EXPECT_EQ(CodeOf([&] { write(256); }), ENOMEM);
     }
     EXPECT_EQ(write(257), 0u);
     EXPECT_EQ(m_muxer.Close(), 0u);
@@ -243,7 +224,7 @@ TEST_F(AFailingDisk, ThatTakesNoHeaderOfTheLogLeavesNoFile)
 {
     const Fault fault(g_writeItem);
     std::uint32_t status = 0;
-    EXPECT_EQ(Thrown([&] {
+    EXPECT_EQ(CodeOf([&] {
         status = m_muxer.Create(Path().c_str(), 0, 0, MP4_OPEN_INFO_FILE, MP4_IO_FILE, nullptr);
     }), INT32_MIN);
     EXPECT_EQ(status, 16u);
@@ -259,7 +240,7 @@ TEST_F(AFailingDisk, ThatTakesNoHeadOfTheFileLeavesTheOutputAndRemovesTheLog)
         const Fault fault(g_writeItem, writes);
         CMp4Muxer muxer;
         std::uint32_t status = 0;
-        Thrown([&] {
+        CodeOf([&] {
             status = muxer.Create(Path().c_str(), 0, 0, MP4_OPEN_INFO_FILE, MP4_IO_FILE, nullptr);
         });
         if (status == 0) {

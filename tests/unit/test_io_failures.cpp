@@ -1,5 +1,6 @@
 // What the I/O layer prints and logs when it fails, and that it does so once.
 #include "boxes.h"
+#include "thrown.h"
 
 #include <gmock/gmock.h>
 
@@ -43,15 +44,9 @@ void ExpectFailure(IBaseIO& io, const std::function<void()>& call, const char* l
                    std::int32_t code = EROFS)
 {
     errno = EROFS;
-    testing::internal::CaptureStdout();
-    std::int32_t thrown = INT32_MIN;
-    try {
-        call();
-    } catch (const kv_mp4_exception& error) {
-        thrown = error.code;
-    }
-    EXPECT_THAT(testing::internal::GetCapturedStdout(), testing::MatchesRegex(line));
-    EXPECT_EQ(thrown, code);
+    std::string printed;
+    EXPECT_EQ(CodeOf(call, &printed), code);
+    EXPECT_THAT(printed, testing::MatchesRegex(line));
     EXPECT_EQ(io.m_state, kStateFailed);
     EXPECT_EQ(io.m_errno, EROFS);
 }

@@ -104,6 +104,15 @@ Sink::Sink()
     };
 }
 
+mp4_handle OpenRecording(Sink& sink, bool mov, bool large)
+{
+    mp4_handle file = nullptr;
+    const std::uint8_t flags = large ? MP4_OPEN_LARGE_FILE : 0;
+    FUZZ_CHECK(mp4_create_file_adv_ex(mov ? "a.mov" : "a.mp4", flags, 0, 0, MP4_IO_EXTERNAL,
+                                      sink.Table(), &file) == MP4_OK);
+    return file;
+}
+
 void CheckOuterBoxes(const Bytes& file)
 {
     std::size_t at = 0;

@@ -51,6 +51,9 @@ private:
     std::uint32_t m_failFrom = 0;
 };
 
+// A recording into the sink: a MOV or an MP4, with or without the large-file flag.
+mp4_handle OpenRecording(Sink& sink, bool mov, bool large);
+
 // The boxes of the outermost level end where the file ends. Not for files in safe mode that were
 // never closed.
 void CheckOuterBoxes(const Bytes& file);

@@ -18,9 +18,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     FuzzedDataProvider input(data, size);
     const auto flags = input.ConsumeIntegral<std::uint8_t>();
     fuzz::Sink sink;
-    mp4_handle file = nullptr;
-    FUZZ_CHECK(mp4_create_file_adv_ex(flags & 1 ? "a.mov" : "a.mp4", flags & 2, 0, 0,
-                                      MP4_IO_EXTERNAL, sink.Table(), &file) == MP4_OK);
+    const mp4_handle file = fuzz::OpenRecording(sink, flags & 1, flags & 2);
     const std::size_t head = sink.Data().size();
     mp4_audio_track_info info{};
     info.codec = MP4_AUDIO_AAC_ADTS;

@@ -9,9 +9,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     FuzzedDataProvider input(data, size);
     const auto flags = input.ConsumeIntegral<std::uint8_t>();
     fuzz::Sink sink;
-    mp4_handle file = nullptr;
-    FUZZ_CHECK(mp4_create_file_adv_ex(flags & 1 ? "a.mov" : "a.mp4", flags & 2, 0, 0,
-                                      MP4_IO_EXTERNAL, sink.Table(), &file) == MP4_OK);
+    const mp4_handle file = fuzz::OpenRecording(sink, flags & 1, flags & 2);
     const mp4_subtitle_track_info info{
         flags & 4 ? std::uint32_t{MP4_SUBTITLE_CEA608} : std::uint32_t{MP4_SUBTITLE_CEA708}, 1000};
     FUZZ_CHECK(mp4_set_subtitle_track(file, &info) == MP4_OK);

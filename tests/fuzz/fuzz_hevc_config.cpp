@@ -43,9 +43,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
 
     // By the record, or found in the stream.
     fuzz::Sink sink;
-    mp4_handle file = nullptr;
-    FUZZ_CHECK(mp4_create_file_adv_ex(flags & 1 ? "a.mov" : "a.mp4", 0, 0, 0, MP4_IO_EXTERNAL,
-                                      sink.Table(), &file) == MP4_OK);
+    const mp4_handle file = fuzz::OpenRecording(sink, flags & 1, false);
     mp4_video_track_info info{};
     info.codec = MP4_VIDEO_HEVC;
     if (flags & 2) {

@@ -11,8 +11,9 @@ import os
 import re
 import subprocess
 import sys
-import tempfile
 import unittest
+
+from programs import InFolder
 
 KVMP4 = os.path.abspath(sys.argv.pop(1))
 CHECK_FILE = os.path.abspath(sys.argv.pop(1))
@@ -141,21 +142,13 @@ def graft(stream, output, captions, rate=RATE):
     return output
 
 
-class Case(unittest.TestCase):
+class Case(InFolder):
     """Sources made once for all tests, and the recorder."""
 
     @classmethod
     def setUpClass(cls):
-        # No name holds "mov" but that of a file that shall be one.
-        cls.folder = tempfile.TemporaryDirectory(prefix="kvmp4cc.")
+        super().setUpClass()
         cls.made = {}
-
-    @classmethod
-    def tearDownClass(cls):
-        cls.folder.cleanup()
-
-    def path(self, name):
-        return os.path.join(self.folder.name, name)
 
     def once(self, name, make):
         if name not in self.made:

@@ -17,6 +17,8 @@ import tempfile
 import threading
 import unittest
 
+from programs import InFolder
+
 SKIPPED = 77
 FRAMES = 120
 RATE = "30000/1001"
@@ -101,24 +103,16 @@ def play(browser, content, profile):
             server.shutdown()
 
 
-class Chromium(unittest.TestCase):
+class Chromium(InFolder):
     @classmethod
     def setUpClass(cls):
-        cls.folder = tempfile.TemporaryDirectory(prefix="kvmp4web.", ignore_cleanup_errors=True)
+        super().setUpClass()
         must("ffmpeg", "-v", "error", "-f", "lavfi", "-i", f"testsrc2=size=320x240:rate={RATE}",
              "-f", "lavfi", "-i", "sine=sample_rate=48000", "-t", "4.004", "-c:v", "libx264",
              "-bf", "0", "-pix_fmt", "yuv420p", "-c:a", "aac", cls.path("source.ts"))
         with open(cls.path("captions.scc"), "w") as file:
             file.write("Scenarist_SCC V1.0\n\n00:00:01:00\t9420 9420 9470 9470 c8e5 942f\n\n"
                        "00:00:03:00\t942c 942c\n")
-
-    @classmethod
-    def tearDownClass(cls):
-        cls.folder.cleanup()
-
-    @classmethod
-    def path(cls, name):
-        return os.path.join(cls.folder.name, name)
 
     def recorded(self, kind):
         output = self.path(f"all.{kind}")

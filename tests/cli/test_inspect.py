@@ -9,16 +9,14 @@ import os
 import re
 import struct
 import sys
-import tempfile
 import unittest
 import xml.etree.ElementTree
 
 from boxes import Editor, walk
 from media import Media
-from programs import run
+from programs import InFolder, run
 
 KVMP4 = os.path.abspath(sys.argv.pop(1))
-SCRATCH = "/dev/shm" if os.path.isdir("/dev/shm") else None
 STBL = "moov/trak[1]/mdia/minf/stbl"
 
 
@@ -28,15 +26,11 @@ def flat(boxes):
         yield from flat(box.get("boxes", []))
 
 
-class Case(unittest.TestCase):
+class Case(InFolder):
     @classmethod
     def setUpClass(cls):
-        cls.folder = tempfile.TemporaryDirectory(prefix="kvmp4inspect.", dir=SCRATCH)
+        super().setUpClass()
         cls.media = Media(cls.folder.name, KVMP4)
-
-    @classmethod
-    def tearDownClass(cls):
-        cls.folder.cleanup()
 
     def inspect(self, *arguments, code=0):
         result = run(KVMP4, "inspect", *arguments)

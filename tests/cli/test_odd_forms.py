@@ -9,14 +9,12 @@ import os
 import re
 import subprocess
 import sys
-import tempfile
 import unittest
 
-from programs import run
+from programs import InFolder, run
 
 KVMP4 = os.path.abspath(sys.argv.pop(1))
 LIBRARY = ctypes.CDLL(os.path.abspath(sys.argv.pop(1)))
-SCRATCH = "/dev/shm" if os.path.isdir("/dev/shm") else None
 FORMS = [(kind, flags) for kind in ("mp4", "mov") for flags in (0, 3, 0x20)]
 U8, U16, U32, U64 = ctypes.c_uint8, ctypes.c_uint16, ctypes.c_uint32, ctypes.c_uint64
 
@@ -96,21 +94,17 @@ class Recording:
         assert LIBRARY.mp4_close_file(self.handle) == 0
 
 
-class OddForms(unittest.TestCase):
+class OddForms(InFolder):
     @classmethod
     def setUpClass(cls):
-        cls.folder = tempfile.TemporaryDirectory(prefix="kvmp4odd.", dir=SCRATCH)
+        super().setUpClass()
         cls.pictures = pictures()
-
-    @classmethod
-    def tearDownClass(cls):
-        cls.folder.cleanup()
 
     def check(self, make, *notes):
         """Records in every form; nothing but these notes must be told of it."""
         for kind, flags in FORMS:
             with self.subTest(kind=kind, flags=flags):
-                path = os.path.join(self.folder.name, f"odd.{kind}")
+                path = self.path(f"odd.{kind}")
                 recording = Recording(path, flags)
                 make(recording)
                 recording.close()

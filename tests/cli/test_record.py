@@ -9,11 +9,10 @@ import os
 import signal
 import subprocess
 import sys
-import tempfile
 import time
 import unittest
 
-from programs import ffmpeg, run
+from programs import InFolder, ffmpeg, run
 
 KVMP4 = os.path.abspath(sys.argv.pop(1))
 CHECK_FILE = os.path.abspath(sys.argv.pop(1))
@@ -47,18 +46,11 @@ def packets(path, kind):
     return [(float(p["dts_time"]) - first, "K" in p["flags"]) for p in found]
 
 
-class Record(unittest.TestCase):
+class Record(InFolder):
     @classmethod
     def setUpClass(cls):
-        cls.folder = tempfile.TemporaryDirectory(prefix="kvmp4cli.")
+        super().setUpClass()
         cls.made = {}
-
-    @classmethod
-    def tearDownClass(cls):
-        cls.folder.cleanup()
-
-    def path(self, name):
-        return os.path.join(self.folder.name, name)
 
     def source(self, video, audio="raw"):
         """A clip of one second; raw AAC and ProRes in MOV, ADTS in MPEG-TS or Matroska."""

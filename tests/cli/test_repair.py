@@ -10,10 +10,9 @@ import resource
 
 import struct
 import sys
-import tempfile
 import unittest
 
-from programs import ffmpeg, run
+from programs import InFolder, ffmpeg, run
 
 KVMP4 = os.path.abspath(sys.argv.pop(1))
 
@@ -38,21 +37,14 @@ def write(path, data):
         file.write(data)
 
 
-class Folder(unittest.TestCase):
+class Folder(InFolder):
     @classmethod
     def setUpClass(cls):
-        cls.folder = tempfile.TemporaryDirectory(prefix="kvmp4cli.")
-        cls.clip = os.path.join(cls.folder.name, "clip.mp4")
+        super().setUpClass()
+        cls.clip = cls.path("clip.mp4")
         ffmpeg("-f", "lavfi", "-i", "testsrc2=size=160x120:rate=25:duration=2", "-f", "lavfi", "-i",
                "sine=sample_rate=48000:duration=2", "-c:v", "libx264", "-preset", "ultrafast",
                "-bf", "0", "-c:a", "aac", cls.clip)
-
-    @classmethod
-    def tearDownClass(cls):
-        cls.folder.cleanup()
-
-    def path(self, name):
-        return os.path.join(self.folder.name, name)
 
 
 class Repair(Folder):

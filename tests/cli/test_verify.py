@@ -10,7 +10,6 @@ import re
 import signal
 import subprocess
 import sys
-import tempfile
 import time
 import unittest
 
@@ -19,26 +18,19 @@ import faults_codecs  # plants more
 import faults_tables  # and more
 from boxes import Editor, box, walk
 from media import OF_FFMPEG, OF_GSTREAMER, Media
-from programs import run
+from programs import InFolder, run
 
 KVMP4 = os.path.abspath(sys.argv.pop(1))
 DAMAGE = os.path.abspath(sys.argv.pop(1))
 ROUNDS = int(sys.argv.pop(1))  # damaged copies of each file; what is left names the tests
-# Scratch files in memory, where there is such a place.
-SCRATCH = "/dev/shm" if os.path.isdir("/dev/shm") else None
 TAGS = ["--metadata", "title=T", "--metadata", "com.x.y=z"]
 
 
-class Case(unittest.TestCase):
+class Case(InFolder):
     @classmethod
     def setUpClass(cls):
-        # No "mov" in the name of the folder.
-        cls.folder = tempfile.TemporaryDirectory(prefix="kvmp4verify.", dir=SCRATCH)
+        super().setUpClass()
         cls.media = Media(cls.folder.name, KVMP4)
-
-    @classmethod
-    def tearDownClass(cls):
-        cls.folder.cleanup()
 
     def verify(self, path, *options):
         """(exit code, findings) of a file; what is unusual on purpose is no finding."""

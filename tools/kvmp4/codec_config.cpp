@@ -47,6 +47,24 @@ unsigned Masked(FieldReader& f, unsigned reserved, bool& set)
     return byte & ~reserved & 255u;
 }
 
+// Reads what the sets cut off the coded picture, in units of the chroma format's samples, with
+// `fields` lines to a line of the picture. False when nothing would be left.
+template <typename Sps>
+bool Crop(BitFields& bits, unsigned chroma, unsigned fields, Sps& sps)
+{
+    if (!bits.Flag())
+        return true;
+    const unsigned across = chroma == 1 || chroma == 2 ? 2 : 1;
+    const unsigned down = (chroma == 1 ? 2u : 1u) * fields;
+    const std::uint32_t horizontal = (bits.Ue() + bits.Ue()) * across;
+    const std::uint32_t vertical = (bits.Ue() + bits.Ue()) * down;
+    if (horizontal >= sps.width || vertical >= sps.height)
+        return false;
+    sps.width -= horizontal;
+    sps.height -= vertical;
+    return true;
+}
+
 }  // namespace
 
 std::optional<AvcSps> ParseAvcSps(const Unit& unit)
@@ -95,17 +113,8 @@ std::optional<AvcSps> ParseAvcSps(const Unit& unit)
     bits.Skip(1);
     sps.width = columns * 16;
     sps.height = rows * 16 * (frames ? 1 : 2);
-    if (bits.Flag()) {
-        const unsigned sub = planes ? 0 : sps.chroma;
-        const unsigned across = sub == 1 || sub == 2 ? 2 : 1;
-        const unsigned down = (sub == 1 ? 2u : 1u) * (frames ? 1u : 2u);
-        const std::uint32_t horizontal = (bits.Ue() + bits.Ue()) * across;
-        const std::uint32_t vertical = (bits.Ue() + bits.Ue()) * down;
-        if (horizontal >= sps.width || vertical >= sps.height)
-            return {};
-        sps.width -= horizontal;
-        sps.height -= vertical;
-    }
+    if (!Crop(bits, planes ? 0 : sps.chroma, frames ? 1 : 2, sps))
+        return {};
     if (!bits.Sound() || sps.chroma > 3 || columns > 4096 || rows > 4096)
         return {};
     return sps;
@@ -141,17 +150,8 @@ std::optional<HevcSps> ParseHevcSps(const Unit& unit)
     const bool planes = sps.chroma == 3 && bits.Flag();
     sps.width = bits.Ue();
     sps.height = bits.Ue();
-    if (bits.Flag()) {
-        const unsigned sub = planes ? 0 : sps.chroma;
-        const unsigned across = sub == 1 || sub == 2 ? 2 : 1;
-        const unsigned down = sub == 1 ? 2 : 1;
-        const std::uint32_t horizontal = (bits.Ue() + bits.Ue()) * across;
-        const std::uint32_t vertical = (bits.Ue() + bits.Ue()) * down;
-        if (horizontal >= sps.width || vertical >= sps.height)
-            return {};
-        sps.width -= horizontal;
-        sps.height -= vertical;
-    }
+    if (!Crop(bits, planes ? 0 : sps.chroma, 1, sps))
+        return {};
     sps.lumaDepth = 8 + bits.Ue();
     sps.chromaDepth = 8 + bits.Ue();
     if (!bits.Sound() || sps.chroma > 3)

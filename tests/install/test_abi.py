@@ -70,8 +70,8 @@ class Baseline(unittest.TestCase):
 
     def test_a_wider_field_is_noticed(self):
         code, said = compared(self.copy(
-            in_header=("    uint16_t channels;    /* channel count */\n    uint8_t object_type;  ",
-                       "    uint32_t channels;    /* channel count */\n    uint8_t object_type;  "),
+            in_header=("    uint16_t channels;    /**< channel count */\n    uint8_t object_type;  ",
+                       "    uint32_t channels;    /**< channel count */\n    uint8_t object_type;  "),
             in_source=("    full.channels = info->channels",
                        "    full.channels = uint16_t(info->channels)")))
         self.assertEqual(code, 4, said)

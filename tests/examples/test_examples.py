@@ -1,8 +1,9 @@
 #!/usr/bin/env python3
 """Runs the examples on a real clip and judges by FFmpeg's programs what they made.
 
-    test_examples.py SOURCES BUILT
+    test_examples.py SOURCES BUILT [FOLDER OF THE LIBRARY]
 """
+import os
 import pathlib
 import subprocess
 import sys
@@ -10,6 +11,7 @@ import tempfile
 import unittest
 
 SOURCES, BUILT = map(pathlib.Path, sys.argv[1:3])
+LIBRARY = sys.argv[3] if len(sys.argv) > 3 else None  # for Python
 PICTURES = 100
 
 
@@ -49,7 +51,9 @@ class Examples(unittest.TestCase):
         cls.scratch.cleanup()
 
     def test_each_stays_below_100_lines(self):
-        for source in SOURCES.glob("*.[ch]"):
+        sources = [path for path in SOURCES.iterdir() if path.suffix in (".c", ".h", ".cpp", ".py")]
+        self.assertEqual(len(sources), 8)
+        for source in sources:
             self.assertLess(len(source.read_text().splitlines()), 100, source)
 
     def test_record_keeps_every_picture_and_all_sound(self):
@@ -86,6 +90,47 @@ class Examples(unittest.TestCase):
         self.assertGreater(len(after), len(before))
         # Flushed every 10 pictures.
         self.assertGreaterEqual(len(after), 75)
+
+    def test_captions_are_read_back_and_the_time_code_too(self):
+        for name in ("captions.mp4", "captions.mov"):
+            output = self.folder / name
+            run(BUILT / "captions", self.camera, output, "WORDS TO SHOW")
+            self.assertEqual(pictures(output), self.source)
+            text = run("ffmpeg", "-v", "error", "-i", output, "-map", "0:s", "-f", "srt", "-")
+            self.assertEqual(text.decode().count("-->"), 1)
+            self.assertIn("WORDS TO SHOW", text.decode())
+            tags = run("ffprobe", "-v", "error", "-select_streams", "v", "-show_entries",
+                       "stream_tags=timecode", "-of", "csv=p=0", output).decode()
+            self.assertEqual(tags.strip(), "10:00:00:00")
+            # A pair each: twice four commands, and seven of letters.
+            self.assertEqual(len(packets(output, "s")), 2 * 4 + 7)
+
+    @unittest.skipUnless(LIBRARY, "an instrumented library")
+    def test_python_makes_the_same_pictures(self):
+        output = self.folder / "python.mp4"
+        environment = {**os.environ, "LD_LIBRARY_PATH": LIBRARY}
+        subprocess.run([sys.executable, SOURCES / "record.py", self.camera, output, "Take 1"],
+                       check=True, capture_output=True, timeout=120, env=environment)
+        self.assertEqual(pictures(output), self.source)
+        self.assertEqual(run("ffprobe", "-v", "error", "-show_entries", "format_tags=title",
+                             "-of", "csv=p=0", output).decode().strip(), "Take 1")
+        failed = subprocess.run([sys.executable, SOURCES / "record.py", self.camera,
+                                 self.folder / "none" / "x.mp4"], capture_output=True, text=True,
+                                env=environment)
+        self.assertEqual(failed.returncode, 1)
+        self.assertIn("mp4_create_file_ex: status 12", failed.stderr)
+
+    def test_the_applications_log_holds_the_librarys_lines(self):
+        output, log = self.folder / "log.mp4", self.folder / "application.log"
+        printed = run(BUILT / "shared_log", self.camera, output, log)
+        self.assertEqual(printed, b"")
+        self.assertEqual(pictures(output), self.source)
+        lines = log.read_text().splitlines()
+        self.assertEqual(lines[0], f"info [studio]  recording {output}")
+        self.assertEqual(lines[-1], "info [studio]  done, status 0")
+        own = [line for line in lines[1:-1] if line.startswith("info [recorder] ")]
+        self.assertEqual(own, lines[1:-1])
+        self.assertIn("mp4 flag is 0", own[0])
 
     def test_repair_tells_that_there_is_no_log(self):
         result = subprocess.run([BUILT / "repair", self.camera], capture_output=True, text=True)

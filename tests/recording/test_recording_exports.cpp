@@ -68,12 +68,16 @@ TEST(NullRecords, Give4)
     Recording rec;
     EXPECT_EQ(mp4_set_video_track(rec.Handle(), nullptr), 4u);
     EXPECT_EQ(mp4_set_audio_track(rec.Handle(), nullptr), 4u);
+    EXPECT_EQ(mp4_set_subtitle_track(rec.Handle(), nullptr), 4u);
+    EXPECT_EQ(mp4_set_time_code_track(rec.Handle(), nullptr), 4u);
     EXPECT_EQ(mp4_get_video_bitrate(rec.Handle(), nullptr), 4u);
+    EXPECT_EQ(mp4_get_audio_bitrate(rec.Handle(), nullptr), 4u);
     EXPECT_EQ(mp4_get_safe_param(rec.Handle(), nullptr), 4u);
     EXPECT_EQ(mp4_set_safe_param(rec.Handle(), nullptr), 4u);
     EXPECT_TRUE(rec.Log().Has("error params is NULL when set safe param"));
     mp4_handle handle = nullptr;
     EXPECT_EQ(mp4_create_file(nullptr, 0, &handle), 4u);
+    EXPECT_EQ(mp4_create_file(L"a", 0, nullptr), 4u);
     EXPECT_EQ(mp4_create_file_ex("a", 0, nullptr), 4u);
     EXPECT_EQ(mp4_create_file_adv(nullptr, 0, 0, 0, MP4_IO_FILE, nullptr, &handle), 4u);
     EXPECT_EQ(mp4_create_file_adv_ex("a", 0, 0, 0, MP4_IO_FILE, nullptr, nullptr), 4u);
@@ -119,6 +123,28 @@ TEST(DurationAndBitrate, AreThoseOfTheTracks)
     EXPECT_DOUBLE_EQ(rate, 28.0 / 1024);  // 2 x 14 bytes in one second
     EXPECT_EQ(mp4_get_audio_bitrate(rec.Handle(), &rate), 0u);
     EXPECT_EQ(rate, 0.0);
+}
+
+// 1000 ticks from the first to the end of the last: two samples in one second, or in two.
+TEST(TheBitrate, IsTheBytesOfAMilliSecondTrackInKiBASecond)
+{
+    Recording rec;
+    rec.SetAac();
+    EXPECT_EQ(rec.Audio(Bytes(30, 1), 0), 0u);
+    EXPECT_EQ(rec.Audio(Bytes(30, 1), 500), 0u);
+    double rate = 0;
+    EXPECT_EQ(mp4_get_audio_bitrate(rec.Handle(), &rate), 0u);
+    EXPECT_DOUBLE_EQ(rate, 60.0 / 1024);
+}
+
+TEST(TheBitrate, GoesByTheTimescale)
+{
+    Recording rec;
+    rec.SetH264(500);
+    rec.FramesAt({0, 500});
+    double rate = 0;
+    EXPECT_EQ(mp4_get_video_bitrate(rec.Handle(), &rate), 0u);
+    EXPECT_DOUBLE_EQ(rate, 14.0 / 1024);  // 28 bytes in two seconds
 }
 
 TEST(AMultibytePath, MayHave1022Characters)
@@ -182,6 +208,8 @@ TEST(TheFirstPlainCreate, AnnouncesTheVersionOnceAndSetsTheLogger)
     // The rest went to the library's own logger.
     EXPECT_THAT(log.Sources(), testing::ElementsAre("src/mp4 mp4_create_file"));
     EXPECT_EQ(spdlog::default_logger()->name(), "msvc_logger");
+    EXPECT_EQ(spdlog::default_logger()->sinks().size(), 1u);
+    EXPECT_EQ(spdlog::default_logger()->level(), spdlog::level::info);
 }
 
 TEST(TheSimpleFrontEnd, CountsVideoCodecsFrom1AndTestsThemBeforeTheHandle)

@@ -173,6 +173,22 @@ TEST(TheLogOfAClose, NamesEachStepInOrder)
     EXPECT_THAT(lines[4], testing::MatchesRegex("info Muxer - Close - uninit takes .+ ms"));
 }
 
+TEST(FlagsWithoutAMeaning, ChangeNothingButTheirOwnLine)
+{
+    const auto record = [](std::uint8_t flags) {
+        Recording rec("clip.mp4", flags);
+        EXPECT_EQ(rec.Log().Lines().front(), "info mp4 flag is " + std::to_string(flags));
+        rec.SetH264();
+        rec.SetAac();
+        rec.FramesAt({0, 40});
+        EXPECT_EQ(rec.Audio(Bytes(30, 1), 0), 0u);
+        return rec.Close().All();
+    };
+    const Bytes plain = record(0);
+    EXPECT_EQ(record(0xC0), plain);  // "info mp4 flag is 192"
+    EXPECT_EQ(record(0x44), plain);
+}
+
 TEST(AFileWithAudio, LogsTheSizeWarningOnce)
 {
     Recording rec;
@@ -192,6 +208,14 @@ std::uint32_t Create(const std::wstring& path, std::uint8_t flags, std::uint32_t
                      mp4_handle& handle, ExternalIoFuncs* table = nullptr)
 {
     return mp4_create_file_adv(path.c_str(), flags, 4096, 32, mode, table, &handle);
+}
+
+// The lines of a close without their milliseconds.
+std::vector<std::string> WithoutTimes(std::vector<std::string> lines)
+{
+    for (std::string& line : lines)
+        line.erase(std::min(line.find(" takes "), line.size()));
+    return lines;
 }
 
 }  // namespace
@@ -270,8 +294,47 @@ TEST(AnUnknownIoMode, GivesAHandleThatAnswers19)
     double rate = 0;
     EXPECT_EQ(mp4_get_video_bitrate(handle, &rate), 0u);
     EXPECT_EQ(rate, -1.0);
+    rate = 0;
+    EXPECT_EQ(mp4_get_audio_bitrate(handle, &rate), 0u);
+    EXPECT_EQ(rate, -1.0);
     EXPECT_EQ(mp4_close_file(handle), 0u);
     EXPECT_TRUE(folder.IsEmpty());
+}
+
+// 4, not 19: the record is looked at before the file.
+TEST(AnUnknownIoMode, StillTestsItsRecords)
+{
+    LogCapture log;
+    mp4_handle handle = nullptr;
+    ASSERT_EQ(Create(L"a.mp4", 0, 3, handle), 0u);
+    EXPECT_EQ(mp4_set_video_track(handle, nullptr), 4u);
+    EXPECT_EQ(mp4_set_audio_track(handle, nullptr), 4u);
+    EXPECT_EQ(mp4_set_subtitle_track(handle, nullptr), 4u);
+    EXPECT_EQ(mp4_set_time_code_track(handle, nullptr), 4u);
+    EXPECT_EQ(mp4_get_video_bitrate(handle, nullptr), 4u);
+    EXPECT_EQ(mp4_get_audio_bitrate(handle, nullptr), 4u);
+    EXPECT_EQ(mp4_get_safe_param(handle, nullptr), 4u);
+    EXPECT_EQ(mp4_set_safe_param(handle, nullptr), 4u);
+    EXPECT_EQ(log.Count("error file not open!"), 0u);
+    EXPECT_EQ(mp4_close_file(handle), 0u);
+}
+
+// The create runs a whole close, and the close another one; neither has a moov to write.
+TEST(AnUnknownIoMode, LogsEachStepOfACloseTwice)
+{
+    LogCapture log;
+    mp4_handle handle = nullptr;
+    ASSERT_EQ(Create(L"a.mp4", 0, 3, handle), 0u);
+    const std::vector<std::string> created = WithoutTimes(log.Lines());
+    EXPECT_EQ(mp4_close_file(handle), 0u);
+    std::vector<std::string> expected = {"info mp4 flag is 0", "info fast header write disabled"};
+    const std::vector<std::string> close = {
+        "info Muxer - Close - mdat finish", "info Muxer - Close - moov write",
+        "info Muxer - Close - remove info file", "info Muxer - Close - uninit"};
+    expected.insert(expected.end(), close.begin(), close.end());
+    EXPECT_EQ(created, expected);
+    expected.insert(expected.end(), close.begin(), close.end());
+    EXPECT_EQ(WithoutTimes(log.Lines()), expected);
 }
 
 TEST(TheInfoPath, MayHave1024CharactersWithItsEnd)
@@ -346,6 +409,34 @@ TEST(TheInfoFile, LogsTheLengthOfAParameterSetWithoutAnAddress)
                        "00000005 FFFFFFFE"));
 }
 
+TEST(TheInfoFile, LogsTheLengthsOfHevcSetsWithoutAnAddress)
+{
+    const Bytes log = LogOf([](Recording& rec) {
+        mp4_video_track_info info{};
+        info.codec = MP4_VIDEO_HEVC;
+        info.vps_size = 4;
+        info.sps_size = 5;
+        info.pps_size = -2;
+        const StdoutCapture quiet;
+        EXPECT_EQ(mp4_set_video_track(rec.Handle(), &info), 0u);
+        // Complete by its sizes alone.
+        EXPECT_FALSE(rec.Log().Has("info no codec data in video track info, try to find it in "
+                                   "stream"));
+    });
+    EXPECT_EQ(log, Hex("10 00000024 02 00000000 00000000 00000000 01 0000 0000"
+                       "00000004 00000005 FFFFFFFE"));
+}
+
+TEST(TheInfoFile, HoldsNoVideoTrackOfARefusedCodec)
+{
+    const Bytes log = LogOf([](Recording& rec) {
+        mp4_video_track_info info{};
+        info.codec = 3;
+        EXPECT_EQ(mp4_set_video_track(rec.Handle(), &info), 5u);
+    });
+    EXPECT_EQ(log, Hex("10 00000024"));
+}
+
 TEST(TheInfoFile, EndsAtAnEmptyBinaryValue)
 {
     const Bytes log = LogOf([](Recording& rec) {
@@ -391,6 +482,51 @@ TEST(ADiskThatFillsInTheLastBuffer, FailsTheCloseToo)
         EXPECT_EQ(status, limited ? 1u : 0u);
         EXPECT_EQ(std::filesystem::exists(rec.InfoPath()), limited);
     }
+}
+
+// moov is written as far as its own line can tell; the log stays, without the line of its end.
+TEST(ADiskThatFillsInTheLastBuffer, LosesTheLineOfTheInfoFileAlone)
+{
+    Recording rec("clip.mp4", MP4_OPEN_INFO_FILE | MP4_OPEN_FAST_HEADER);
+    std::uint32_t status = 0;
+    {
+        const StdoutCapture quiet;
+        const FileSizeLimit limit(44 + 177 - 1);  // the head, and a moov without tracks
+        status = rec.CloseStatus();
+    }
+    EXPECT_EQ(status, 1u);  // EFBIG has no row
+    std::vector<std::string> lines = WithoutTimes(rec.Log().Lines());
+    lines.erase(lines.begin(), lines.begin() + 2);  // of the create
+    EXPECT_THAT(lines, ElementsAre("info Muxer - Close - mdat finish",
+                                   "info moov update size finished",
+                                   "info moov flush finished, size:177",
+                                   "info Muxer - Close - moov write",
+                                   "info Muxer - Close - uninit"));
+}
+
+// The frames of the first buffer are lost with the rest of it, and the log is all that is left.
+TEST(ALocalDiskThatFillsWhileRecording, FailsEveryLaterCallAndKeepsTheInfoFile)
+{
+    Recording rec("clip.mp4", MP4_OPEN_INFO_FILE);
+    EXPECT_EQ(rec.SetAac(), 0u);
+    std::uint32_t status = 0;
+    {
+        const StdoutCapture quiet;
+        const FileSizeLimit limit(100);
+        for (std::uint64_t n = 0; status == 0 && n < 100; ++n)
+            status = rec.Audio(Bytes(3000, 1), n);
+        EXPECT_EQ(status, 1u);  // EFBIG has no row
+        EXPECT_EQ(rec.Audio(Bytes(1, 1), 100), 1u);
+        EXPECT_EQ(rec.SetH264(), 1u);
+        EXPECT_EQ(mp4_get_duration_ms(rec.Handle()), 0u);
+    }
+    // Nothing would fail any more; the first failure decides.
+    EXPECT_EQ(rec.CloseStatus(), 1u);
+    EXPECT_TRUE(std::filesystem::exists(rec.InfoPath()));
+    EXPECT_EQ(std::filesystem::file_size(rec.Path()), 100u);
+    const std::vector<std::string> lines = WithoutTimes(rec.Log().Lines());
+    EXPECT_THAT(lines, testing::Not(testing::Contains("info Muxer - Close - remove info file")));
+    EXPECT_EQ(lines.back(), "info Muxer - Close - uninit");
 }
 
 // ---- A caller's own output -------------------------------------------------------------------

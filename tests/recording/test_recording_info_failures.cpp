@@ -3,6 +3,7 @@
 #include "support/kept_log.h"
 #include "support/recording.h"
 #include "support/samples.h"
+#include "support/throwing_writes.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -77,6 +78,27 @@ TEST(AHeaderThatCannotBeFlushed, FailsTheCreateBehindTheOutput)
     EXPECT_FALSE(fs::is_symlink(folder / "clip.mp4.info"));
     EXPECT_THAT(BoxFile::Read(folder / "clip.mp4").Children(""),
                 ElementsAre("ftyp", "free", "mdat", "moov"));
+}
+
+// The flush of the log fails, and in the close that follows the output does.
+TEST(AHeaderThatCannotBeFlushed, StaysWhenTheOutputFailsToo)
+{
+    if (!fs::exists("/dev/full"))
+        GTEST_SKIP() << "this system has no /dev/full";
+    Folder folder;
+    const LogCapture log;
+    const StdoutCapture quiet;
+    fs::create_symlink("/dev/full", folder / "clip.mp4.info");
+    ExternalSink sink;
+    ExternalIoFuncs* const table = sink.Table();
+    sink.FailWrite(8 + 2 + 2 + 1, EACCES);  // behind "ftyp", "free" and "mdat"
+    mp4_handle file = nullptr;
+    EXPECT_EQ(mp4_create_file_adv_ex((folder / "clip.mp4").c_str(), MP4_OPEN_INFO_FILE, 0, 0,
+                                     MP4_IO_EXTERNAL, table, &file),
+              16u);  // that of the log
+    EXPECT_EQ(sink.Struck(ExternalSink::kWrite), 1u);
+    EXPECT_EQ(sink.File().U32(36), 8u);  // mdat was not ended
+    EXPECT_TRUE(fs::is_symlink(folder / "clip.mp4.info"));
 }
 
 // ---- In a packet -------------------------------------------------------------------------------
@@ -164,6 +186,36 @@ TEST(AnInfoPacketThatFails, LosesNoFrame)
         // The one that failed, and the one behind it.
         EXPECT_EQ(Samples(file, video ? "trak.vide" : "trak.soun").size(), out.calls + 2);
     }
+}
+
+// What their packets were to tell has happened: as many ids, and as many keys, as calls.
+TEST(AnInfoPacketThatFails, LeavesTheCaptionsSet)
+{
+    Limited out;
+    const mp4_subtitle_track_info info{MP4_SUBTITLE_CEA608, 0};
+    const auto set = [&] { return mp4_set_subtitle_track(out.rec.Handle(), &info); };
+    EXPECT_EQ(out.UntilItFails(set), 1u);
+    const Bytes frame = Hex("61 02 00  00 94 20");
+    EXPECT_EQ(mp4_write_subtitle_frame(out.rec.Handle(), frame.data(), 6, 0), 0u);
+    EXPECT_EQ(Words(out.rec.Close().Box("moov/trak.clcp/tkhd"), 20).at(0), out.calls + 1);
+}
+
+TEST(AnInfoPacketThatFails, LeavesTheTimeCodeSet)
+{
+    Limited out;
+    const mp4_time_code_track_info info{30, 1, 30, 0};
+    const auto set = [&] { return mp4_set_time_code_track(out.rec.Handle(), &info); };
+    EXPECT_EQ(out.UntilItFails(set), 1u);
+    EXPECT_EQ(mp4_write_time_code(out.rec.Handle(), 7), 0u);
+    EXPECT_EQ(Words(out.rec.Close().Box("moov/trak.tmcd/tkhd"), 20).at(0), out.calls + 1);
+}
+
+TEST(AnInfoPacketThatFails, LeavesTheMetadataSet)
+{
+    Limited out;
+    const auto set = [&] { return mp4_set_metadata(out.rec.Handle(), "com.x", "A"); };
+    EXPECT_EQ(out.UntilItFails(set), 1u);
+    EXPECT_EQ(Words(out.rec.Close().Box("moov/udta/meta/keys"), 12).at(0), out.calls + 1);
 }
 
 // The sets found in the stream: their packet fails, and neither the frame nor its result knows.
@@ -272,6 +324,37 @@ TEST(AClose, EndsTheLogBeforeItTouchesTheOutput)
     EXPECT_EQ(rec.CloseStatus(), 0u);
     EXPECT_EQ(g_sizeAtClose, 5u + 19 + 22);
     EXPECT_FALSE(fs::exists(g_info));
+}
+
+// What is none of the library's own has no status but 1; the rest of the close runs.
+TEST(ACloseThatThrowsAnythingElse, Gives1KeepsTheLogAndClosesTheOutputOnce)
+{
+    Folder folder;
+    ExternalSink sink;
+    Recording rec(sink, (folder / "clip.mp4").string(), MP4_OPEN_INFO_FILE);
+    const mp4_handle file = rec.Handle();
+    const ThrowingWrites throwing(sink, 0);
+    EXPECT_EQ(rec.CloseStatus(), 1u);
+    EXPECT_EQ(BoxFile::Read(folder / "clip.mp4.info").All(), Hex("10 00000024"));
+    EXPECT_EQ(sink.Count("close"), 1u);
+    EXPECT_EQ(mp4_close_file(file), 2u);
+    EXPECT_EQ(sink.Count("close"), 1u);
+}
+
+TEST(ACreateThatThrowsAnythingElse, Gives1AndRunsTheClose)
+{
+    Folder folder;
+    const LogCapture log;
+    ExternalSink sink;
+    ExternalIoFuncs* const table = sink.Table();
+    mp4_handle file = nullptr;
+    const ThrowingWrites throwing(sink, 0);
+    EXPECT_EQ(mp4_create_file_adv_ex((folder / "clip.mp4").c_str(), MP4_OPEN_INFO_FILE, 0, 0,
+                                     MP4_IO_EXTERNAL, table, &file),
+              1u);
+    EXPECT_EQ(file, nullptr);
+    EXPECT_EQ(sink.Count("close"), 1u);
+    EXPECT_TRUE(folder.IsEmpty());  // the close that follows meets no exception
 }
 
 // An output that failed before throws nothing in the close, and so the log goes.

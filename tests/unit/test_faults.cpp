@@ -2,6 +2,7 @@
 // linker sends three calls of the library through this file (--wrap), where each can be made to
 // fail: realloc, the new of a record that may be null, and platform::WriteItem.
 #include "Mp4Muxer.h"
+#include "Mp4Repair.h"
 #include "boxes.h"
 #include "thrown.h"
 
@@ -11,7 +12,9 @@
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
+#include <fstream>
 #include <list>
+#include <map>
 #include <new>
 
 namespace {
@@ -30,6 +33,7 @@ private:
 int g_realloc = 0;
 int g_newRecord = 0;
 int g_writeItem = 0;
+std::map<std::size_t, int>* g_reallocs = nullptr;  // how often for each size, where that is counted
 
 bool Strikes(int& counter, int error)
 {
@@ -49,6 +53,8 @@ std::size_t __real__ZN8platform9WriteItemEP8_IO_FILEPKvm(std::FILE* stream, cons
 
 void* __wrap_realloc(void* data, std::size_t size)
 {
+    if (g_reallocs)
+        ++(*g_reallocs)[size];
     return Strikes(g_realloc, ENOMEM) ? nullptr : __real_realloc(data, size);
 }
 
@@ -198,6 +204,59 @@ TEST(ATableWithoutMemory, LeavesTheOtherTablesOfItsTrackAlone)
     EXPECT_EQ(CodeOf([&] { add(257); }), INT32_MIN);
     const std::string stsc = Find(on.Written(), "stbl/stsc");
     EXPECT_EQ(U32At(stsc, 20), 258u);  // counted ahead of the size that failed
+}
+
+// ---- A repair ------------------------------------------------------------------------------
+
+namespace {
+
+using Repair = InFolder;
+
+// The requests for memory of a repair, by their size. The media file is the head of an MP4 file.
+std::map<std::size_t, int> RequestsOf(const std::filesystem::path& media, const std::string& packets)
+{
+    using namespace std::string_literals;
+    std::ofstream(media, std::ios::binary) << std::string(44, '\0');
+    std::ofstream(media.string() + ".info", std::ios::binary) << "\x10\0\0\0\x24"s << packets;
+    std::map<std::size_t, int> requests;
+    g_reallocs = &requests;
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(CMp4Repair().Repair(media.wstring().c_str(), 0), 0u);
+    // No line of a leak.
+    EXPECT_THAT(testing::internal::GetCapturedStdout(), testing::MatchesRegex(".line .+. Read EOF !\n"));
+    g_reallocs = nullptr;
+    return requests;
+}
+
+}  // namespace
+
+// A blob lives while its packet is applied; the next packet takes its memory. Each has a byte more,
+// for an end mark.
+TEST_F(Repair, TakesMemoryForTheBlobsOfOnePacketOnly)
+{
+    using namespace std::string_literals;
+    const std::string packet = "\1\1\0\0\0\6title\0"s + "\0\0\x30\x39"s + std::string(12345, 'x') +
+                               "\0\0\0\0"s;
+    std::string packets;
+    for (int n = 0; n < 10; ++n)
+        packets += packet;
+    EXPECT_EQ(RequestsOf(m_folder / "clip.mp4", packets + packet + "\1"s)[12346], 1);
+}
+
+// The log ends in a packet: its first blobs are still held then, and are no leak.
+TEST_F(Repair, GivesBackTheBlobsOfACutPacket)
+{
+    using namespace std::string_literals;
+    const std::string packet = "\1\1\0\0\0\6title\0"s + "\0\0\0\2"s;
+    EXPECT_EQ(RequestsOf(m_folder / "clip.mp4", packet)[7], 1);
+}
+
+TEST_F(Repair, AsksForNoMemoryThatTheLogCannotFill)
+{
+    using namespace std::string_literals;
+    const std::string packet = "\1\1\x7F\xFF\xFF\xF0title"s;
+    const auto requests = RequestsOf(m_folder / "clip.mp4", packet);
+    EXPECT_TRUE(requests.empty() || requests.rbegin()->first < 100000);
 }
 
 // ---- The muxer -----------------------------------------------------------------------------

@@ -337,6 +337,17 @@ TEST(AnUnknownIoMode, LogsEachStepOfACloseTwice)
     EXPECT_EQ(WithoutTimes(log.Lines()), expected);
 }
 
+// Neither has a staging buffer, nor a moov to write.
+TEST(AnUnknownIoMode, ClosesInEveryMode)
+{
+    const LogCapture log;
+    for (const unsigned flags : {0x01u, 0x02u, 0x08u, 0x20u, 0x28u, 0x2Bu}) {
+        mp4_handle handle = nullptr;
+        ASSERT_EQ(Create(L"a.mp4", static_cast<std::uint8_t>(flags), 3, handle), 0u);
+        EXPECT_EQ(mp4_close_file(handle), 0u);
+    }
+}
+
 TEST(TheInfoPath, MayHave1024CharactersWithItsEnd)
 {
     Folder folder;
@@ -645,6 +656,17 @@ TEST(AClose, WithAFastHeaderEndsWithOneWrite)
 {
     const auto calls = CallsOfAClose(MP4_OPEN_FAST_HEADER);
     EXPECT_THAT(calls, ElementsAre("seek 36 0", "write 4", "seek 44 0", "write 177", "close"));
+}
+
+// Its last position is kept behind the close.
+TEST(AClose, AsksWhereTheOutputStandsBeforeItClosesIt)
+{
+    ExternalSink sink;
+    Recording rec(sink, "clip.mp4", MP4_OPEN_FAST_HEADER);
+    EXPECT_EQ(rec.CloseStatus(), 0u);
+    ASSERT_GT(sink.Calls().size(), 3u);
+    EXPECT_THAT(std::vector(sink.Calls().end() - 3, sink.Calls().end()),
+                ElementsAre("write 177", "tell", "close"));
 }
 
 // The end of mdat, then size and type of moov have been written.

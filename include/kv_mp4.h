@@ -305,7 +305,8 @@ KV_MP4_API uint32_t mp4_create_file_adv_ex(const char *path, uint8_t flags, uint
 /** Finishes the file and ends the handle, whatever the result.
  *
  * Writes the index behind the data, which takes time in proportion to the number of samples, and
- * deletes the info file. A file whose close failed keeps it, for mp4_repair_file().
+ * deletes the info file. It keeps that for mp4_repair_file() when the close fails, and beside a local
+ * file also when a write failed before.
  *
  * @param handle an open file; afterwards no longer one
  * @return MP4_OK; else the status of the first failed write */

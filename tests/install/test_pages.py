@@ -69,6 +69,14 @@ class Pages(unittest.TestCase):
         written = {name for name in page if re.match(r"(kv_)?mp4_|MP4_", name)}
         self.assertEqual(written - set(re.findall(r"\w+", header)), set())
 
+    def test_the_page_of_errors_has_a_row_for_every_status(self):
+        header = (SOURCES / "include/kv_mp4.h").read_text()
+        statuses = re.findall(r"^    (MP4_(?:OK|ERR_\w+)) = +(\d+)", header, re.MULTILINE)
+        self.assertEqual(len(statuses), 19)
+        page = (SOURCES / "docs/threads-and-errors.md").read_text()
+        rows = re.findall(r"^\| (\d+) `(\w+)` \| [^|]+ \| [^|]+ \|$", page, re.MULTILINE)
+        self.assertEqual([(name, number) for number, name in rows], statuses)
+
 
 @unittest.skipUnless(KVMP4, "built without the tools")
 class Options(unittest.TestCase):

@@ -1,12 +1,13 @@
 // What a choice of safe parameters loses in a kill and costs, by bit rate: ten minutes of video and
-// sound, or 4 GB, by a clock of their own, cut behind many frames. At each cut the file is opened by libavformat
-// as it lies, and again after a repair of a copy, and the pictures that it names are counted.
+// sound, or 4 GB, by a clock of their own, cut behind many frames. At each cut the file is opened
+// by libavformat as it lies, and again after a repair of a copy, and the pictures that it names are
+// counted.
 //
 //   safe_parameters FOLDER [CUTS]
 //
-// The media bytes are holes in the file, which readers of the index do not mind: 200 Mb/s fit into a
-// small disk. The repair never reads them either, so that its copy has the size and the head of the
-// file and the log alone.
+// The media bytes are holes in the file, which readers of the index do not mind: 200 Mb/s fit into
+// a small disk. The repair never reads them either, so that its copy has the size and the head of
+// the file and the log alone.
 #include <kv_mp4.h>
 
 #include <spdlog/sinks/null_sink.h>
@@ -32,7 +33,7 @@ extern "C" {
 
 namespace {
 
-constexpr int kPictures = 30;  // a second
+constexpr int kPictures = 30;     // a second
 constexpr int kLongest = 600;     // seconds,
 constexpr double kMost = 4e9;     // or so many bytes: the safe mode's limit
 constexpr int kGroup = 60;        // pictures from one key frame to the next,
@@ -84,8 +85,7 @@ void Flush(void*)
 std::int32_t Write(void*, const void* data, std::uint32_t size)
 {
     const auto* bytes = static_cast<const std::uint8_t*>(data);
-    const bool media =
-        bytes >= g_frame.data() && bytes < g_frame.data() + g_frame.size();
+    const bool media = bytes >= g_frame.data() && bytes < g_frame.data() + g_frame.size();
     ++g_sink.writes;
     g_sink.bytes += size;
     if (!media && pwrite(g_sink.file, data, size, g_sink.position) != static_cast<ssize_t>(size))
@@ -122,8 +122,8 @@ std::int64_t PicturesOfRepaired(const std::string& folder)
     if (pread(g_sink.file, head.data(), kHead, 0) != kHead)
         return -1;
     const int file = open(copy.c_str(), O_RDWR | O_CREAT | O_TRUNC, 0644);
-    const bool made = pwrite(file, head.data(), kHead, 0) == kHead &&
-                      ftruncate(file, g_sink.end) == 0;
+    const bool made =
+        pwrite(file, head.data(), kHead, 0) == kHead && ftruncate(file, g_sink.end) == 0;
     close(file);
     std::filesystem::copy_file(g_sink.path + ".info", copy + ".info",
                                std::filesystem::copy_options::overwrite_existing);
@@ -132,9 +132,9 @@ std::int64_t PicturesOfRepaired(const std::string& folder)
 
 struct Choice {
     const char* name;
-    double seconds;              // of data between checkpoints: 0 the defaults, -1 no safe mode
-    std::uint32_t least;         // bytes that the distance is not to fall below
-    std::uint32_t flushInterval; // pictures; 0 no info file
+    double seconds;               // of data between checkpoints: 0 the defaults, -1 no safe mode
+    std::uint32_t least;          // bytes that the distance is not to fall below
+    std::uint32_t flushInterval;  // pictures; 0 no info file
 };
 
 constexpr std::uint32_t kMiB = 1 << 20;
@@ -151,7 +151,7 @@ constexpr Choice kChoices[] = {
 };
 
 struct Result {
-    double first = -1;  // second at which the file first had an index
+    double first = -1;                   // second at which the file first had an index
     std::vector<double> lies, repaired;  // seconds lost at the cuts behind it, and at all cuts
     int unreadable = 0;                  // cuts behind it at which there was none
     std::int64_t bytes = 0;
@@ -195,8 +195,8 @@ Result Record(const std::string& folder, double megabits, const Choice& choice,
                 mp4_set_video_track(file, &video) == MP4_OK &&
                 mp4_set_audio_track(file, &audio) == MP4_OK;
     if (choice.seconds > 0) {
-        const auto distance = std::max(
-            choice.least, static_cast<std::uint32_t>(choice.seconds * perSecond));
+        const auto distance =
+            std::max(choice.least, static_cast<std::uint32_t>(choice.seconds * perSecond));
         const mp4_safe_param fixed{0, distance, distance, distance};
         good = good && mp4_set_safe_param(file, &fixed) == MP4_OK;
     }
@@ -236,7 +236,8 @@ Result Record(const std::string& folder, double megabits, const Choice& choice,
     result.writes = g_sink.writes;
     result.flushes = g_sink.flushes;
     if (choice.flushInterval != 0) {
-        result.bytes += static_cast<std::int64_t>(std::filesystem::file_size(g_sink.path + ".info"));
+        result.bytes +=
+            static_cast<std::int64_t>(std::filesystem::file_size(g_sink.path + ".info"));
         result.flushes += Seconds(megabits) * kPictures / static_cast<int>(choice.flushInterval);
     }
     if (!good || mp4_close_file(file) != MP4_OK) {
@@ -278,24 +279,27 @@ int main(int argc, char** argv)
         std::mt19937 random(1);
         std::set<int> cuts;
         while (static_cast<int>(cuts.size()) < count)
-            cuts.insert(std::uniform_int_distribution(0, Seconds(megabits) * kPictures - 1)(random));
+            cuts.insert(
+                std::uniform_int_distribution(0, Seconds(megabits) * kPictures - 1)(random));
         Result plain;
         for (const Choice& choice : kChoices) {
-            if (choice.seconds > 0 && choice.least == 0 && choice.seconds * megabits * 1e6 / 8 > kMiB)
-                continue;  // the same as with one
+            if (choice.seconds > 0 && choice.least == 0 &&
+                choice.seconds * megabits * 1e6 / 8 > kMiB)
+                continue;  // about the same as with one
             const Result result = Record(argv[1], megabits, choice, cuts);
             if (choice.seconds < 0 && choice.flushInterval == 0)
                 plain = result;
             const double minutes = Seconds(megabits) / 60.0;
-            std::printf("| %.0f | %s | %s | %s%s | %s | %.2f | %.0f | %.1f |\n", megabits, choice.name,
-                        result.first < 0 ? "never" : std::to_string(std::lround(result.first)).c_str(),
-                        Loss(result.lies).c_str(),
-                        result.unreadable ? (" (" + std::to_string(result.unreadable) + ")").c_str() : "",
-                        choice.flushInterval ? Loss(result.repaired).c_str() : "-",
-                        100.0 * static_cast<double>(result.bytes - plain.bytes) /
-                            static_cast<double>(plain.bytes),
-                        static_cast<double>(result.writes - plain.writes) / minutes,
-                        static_cast<double>(result.flushes - plain.flushes) / minutes);
+            std::printf(
+                "| %.0f | %s | %s | %s%s | %s | %.2f | %.0f | %.1f |\n", megabits, choice.name,
+                result.first < 0 ? "never" : std::to_string(std::lround(result.first)).c_str(),
+                Loss(result.lies).c_str(),
+                result.unreadable ? (" (" + std::to_string(result.unreadable) + ")").c_str() : "",
+                choice.flushInterval ? Loss(result.repaired).c_str() : "-",
+                100.0 * static_cast<double>(result.bytes - plain.bytes) /
+                    static_cast<double>(plain.bytes),
+                static_cast<double>(result.writes - plain.writes) / minutes,
+                static_cast<double>(result.flushes - plain.flushes) / minutes);
             std::fflush(stdout);
         }
     }

@@ -35,9 +35,9 @@ std::uint32_t Record(mp4_handle file, const std::string& camera)
     for (std::uint64_t time = 0; status == MP4_OK && end < camera.size(); ++time) {
         const std::size_t begin = end;
         end = std::min(camera.find(kDelimiter, begin + 1), camera.size());
-        status = mp4_write_video_frame(
-            file, reinterpret_cast<const std::uint8_t*>(camera.data() + begin),
-            static_cast<std::uint32_t>(end - begin), time);
+        status = mp4_write_video_frame(file,
+                                       reinterpret_cast<const std::uint8_t*>(camera.data() + begin),
+                                       static_cast<std::uint32_t>(end - begin), time);
     }
     return status;
 }

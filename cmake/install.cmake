@@ -56,3 +56,12 @@ if(KV_MP4_BUILD_TOOLS)
         set_target_properties(kvmp4 PROPERTIES INSTALL_RPATH "$ORIGIN/${TO_LIBRARY}")
     endif()
 endif()
+
+# GStreamer looks for plugins in one folder of its own.
+if(KV_MP4_BUILD_GSTREAMER)
+    install(TARGETS gstkvmp4
+        LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}/gstreamer-1.0 COMPONENT gstreamer)
+    if(NOT CMAKE_INSTALL_PREFIX STREQUAL "/usr")
+        set_target_properties(gstkvmp4 PROPERTIES INSTALL_RPATH "$ORIGIN/..")
+    endif()
+endif()

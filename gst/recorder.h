@@ -92,6 +92,7 @@ private:
     int m_reader = -1;                 // the file again, to see what a reader would
     std::int64_t m_data = -1;          // where `mdat` begins; -1 while unknown
     std::uint64_t m_index = 0;         // where the checkpoint in force stands
+    Checkpoint m_before;               // what was recorded before the last frame
 
     std::array<Track, kKinds> m_tracks;
     std::optional<std::int64_t> m_origin;  // the running time that is 0 in the file

@@ -67,6 +67,7 @@ Recorder::Result Recorder::Write(Kind kind, GstBuffer* buffer, std::int64_t time
     if (!track.format)
         throw Failure{GST_CORE_ERROR, GST_CORE_ERROR_NEGOTIATION,
                       std::string("The ") + NameOf(kind) + " pad got data before its caps."};
+    m_before = {0, m_duration, m_bytes};
     const Mapped mapped(buffer);
     const std::uint8_t* data = mapped.Data();
     std::size_t size = mapped.Size();
@@ -149,7 +150,8 @@ std::optional<Checkpoint> Recorder::NewCheckpoint()
     if (size <= kOpen || index == m_index)
         return std::nullopt;
     m_index = index;
-    return Checkpoint{index, m_duration, m_bytes};
+    // The library makes it ahead of the frame that needs the room, which is not in it.
+    return Checkpoint{index, m_before.duration, m_before.bytes};
 }
 
 // The last sample lasts as long as the one before. After a pause this would be beyond the end of

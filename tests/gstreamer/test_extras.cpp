@@ -179,12 +179,15 @@ TEST(GstCheckpoints, AreToldWithTheirPlaceInTheFile)
             take.Frame("video", Key() + Unit(0x41, 997), i * 40 * kMs);
         const BoxFile file = take.Finish();
         const auto checkpoints = take.Checkpoints();
-        ASSERT_FALSE(checkpoints.empty());
-        EXPECT_EQ(checkpoints.back().at("position"), file.Find("moov").begin);
+        // Frames of 1049 bytes, 1053 in the file, from 44 on; twice a frame must fit in front of the
+        // limit of 3000. The 2nd at 1097 does not, nor any after it.
+        ASSERT_EQ(checkpoints.size(), 9u);
         for (std::size_t i = 0; i < checkpoints.size(); ++i) {
-            EXPECT_EQ(checkpoints[i].at("duration") % (40 * kMs), 0u);
-            EXPECT_GT(checkpoints[i].at("bytes"), i * 1000);
+            EXPECT_EQ(checkpoints[i].at("position"), 1097 + 1053 * i + 3000);
+            EXPECT_EQ(checkpoints[i].at("duration"), (i + 1) * 40 * kMs);
+            EXPECT_EQ(checkpoints[i].at("bytes"), (i + 1) * 1049);
         }
+        EXPECT_EQ(file.Find("moov").begin, checkpoints.back().at("position"));
         EXPECT_THAT(file.Damage(), IsEmpty());
     }
 }

@@ -1,5 +1,6 @@
-# What `cmake --install` lays down, in three parts: runtime (the library), dev (what building
-# against it takes) and tools (kvmp4). Every path in the files is relative: the tree can be moved.
+# What `cmake --install` lays down, in four parts: runtime (the library), dev (what building
+# against it takes), tools (kvmp4) and gstreamer (its plugin). Every path in the files is relative:
+# the tree can be moved.
 include(CMakePackageConfigHelpers)
 
 set(PACKAGE_DIR ${CMAKE_INSTALL_LIBDIR}/cmake/kv_mp4)

@@ -3,7 +3,7 @@
 exact in each part, and an outside project in C and in C++ finds the library through CMake and
 through pkg-config, is built against it and runs.
 
-    test_install.py BUILD LIBDIR VERSION [tools]
+    test_install.py BUILD LIBDIR VERSION [tools] [gstreamer]
 """
 import os
 import pathlib
@@ -13,7 +13,7 @@ import tempfile
 import unittest
 
 BUILD, LIBDIR, VERSION = sys.argv[1:4]
-TOOLS = sys.argv[4:] == ["tools"]
+TOOLS, GSTREAMER = ("tools" in sys.argv[4:], "gstreamer" in sys.argv[4:])
 OUTSIDE = pathlib.Path(__file__).parent / "outside"
 PAGES = ("kvmp4", "kvmp4-record", "kvmp4-repair", "kvmp4-inspect", "kvmp4-verify")
 
@@ -29,6 +29,7 @@ FILES = {
             "share/man/man3/libkv_mp4.3"},
     "tools": {"bin/kvmp4", "share/bash-completion/completions/kvmp4"} |
              {f"share/man/man1/{page}.1" for page in PAGES} if TOOLS else set(),
+    "gstreamer": {f"{LIBDIR}/gstreamer-1.0/libgstkvmp4.so"} if GSTREAMER else set(),
 }
 
 

@@ -4,6 +4,12 @@
 #include <thread>
 #include <utility>
 
+// GLib keeps what it takes when it is loaded, which LeakSanitizer finds when it walks whole stacks.
+extern "C" const char* __lsan_default_suppressions();
+extern "C" const char* __lsan_default_suppressions() { return "leak:call_init\n"; }
+extern "C" const char* __asan_default_options();
+extern "C" const char* __asan_default_options() { return "fast_unwind_on_malloc=0"; }
+
 namespace kvtest {
 
 namespace {

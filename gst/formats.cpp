@@ -11,22 +11,21 @@ namespace {
 
 // AAC at 88.2 and 96 kHz is left out: a track's rate has 16 bits.
 GstStaticCaps g_caps[kKinds] = {
-    GST_STATIC_CAPS(
-        "video/x-h264, stream-format=(string)byte-stream, alignment=(string)au, "
-        "width=(int)[1, 65535], height=(int)[1, 65535]; "
-        "video/x-h265, stream-format=(string)byte-stream, alignment=(string)au, "
-        "width=(int)[1, 65535], height=(int)[1, 65535]; "
-        "video/x-prores, variant=(string){ proxy, lt, standard, hq, 4444, 4444xq }, "
-        "width=(int)[1, 65535], height=(int)[1, 65535]"),
+    GST_STATIC_CAPS("video/x-h264, stream-format=(string)byte-stream, alignment=(string)au, "
+                    "width=(int)[1, 65535], height=(int)[1, 65535]; "
+                    "video/x-h265, stream-format=(string)byte-stream, alignment=(string)au, "
+                    "width=(int)[1, 65535], height=(int)[1, 65535]; "
+                    "video/x-prores, variant=(string){ proxy, lt, standard, hq, 4444, 4444xq }, "
+                    "width=(int)[1, 65535], height=(int)[1, 65535]"),
     GST_STATIC_CAPS("audio/mpeg, mpegversion=(int)4, stream-format=(string){ raw, adts }, "
                     "rate=(int)[1, 65535], channels=(int)[1, 8]"),
     GST_STATIC_CAPS("closedcaption/x-cea-608, format=(string){ s334-1a, raw }; "
                     "closedcaption/x-cea-708, format=(string)cdp")};
 
 constexpr std::uint32_t kBarePairs = 1;
-constexpr std::uint32_t kVideoTicks = 90000;     // a second has as many, about
+constexpr std::uint32_t kVideoTicks = 90000;  // a second has as many, about
 constexpr std::uint32_t kCaptionTicks = 90000;
-constexpr std::uint32_t kAacFrame = 1024;        // samples
+constexpr std::uint32_t kAacFrame = 1024;  // samples
 
 [[noreturn]] void Refuse(const std::string& text)
 {
@@ -106,7 +105,7 @@ void ReadAacConfig(const GstStructure* structure, Format::Fixed& fixed)
                                                22050, 16000, 12000, 11025, 8000,  7350};
     unsigned type = read(5);
     const unsigned index = read(4);
-    const std::uint32_t rate = index == 15         ? read(24)
+    const std::uint32_t rate = index == 15                 ? read(24)
                                : index < std::size(kRates) ? kRates[index]
                                                            : 0;
     const unsigned layout = read(4);
@@ -167,7 +166,10 @@ std::optional<Kind> KindOf(std::string_view name)
     return std::nullopt;
 }
 
-GstStaticCaps* CapsOf(Kind kind) { return &g_caps[static_cast<std::size_t>(kind)]; }
+GstStaticCaps* CapsOf(Kind kind)
+{
+    return &g_caps[static_cast<std::size_t>(kind)];
+}
 
 Format ReadCaps(Kind kind, const GstCaps* caps)
 {

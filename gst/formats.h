@@ -1,5 +1,5 @@
-// What caps, tags and time codes of GStreamer are in terms of the library. Pure translation: nothing
-// here knows an element or a file.
+// What caps, tags and time codes of GStreamer are in terms of the library. Pure translation:
+// nothing here knows an element or a file.
 #pragma once
 
 #include <kv_mp4.h>
@@ -41,7 +41,7 @@ struct Format {
     // Two descriptions of one track are the same when this is: neither a frame rate nor anything
     // else that may vary is in it.
     struct Fixed {
-        std::uint32_t codec = 0;  // MP4_VIDEO_*, MP4_AUDIO_* or MP4_SUBTITLE_*
+        std::uint32_t codec = 0;    // MP4_VIDEO_*, MP4_AUDIO_* or MP4_SUBTITLE_*
         std::uint32_t variant = 0;  // MP4_PRORES_*; of captions, 1 for bare pairs of field 1
         std::uint16_t width = 0, height = 0;
         std::uint16_t rate = 0, channels = 0;

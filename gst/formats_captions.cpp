@@ -6,9 +6,9 @@ namespace kvmp4sink {
 namespace {
 
 constexpr std::uint8_t kMark = 0x61;
-constexpr std::uint8_t kLine21 = 2;          // the marks of the library's frames
+constexpr std::uint8_t kLine21 = 2;  // the marks of the library's frames
 constexpr std::uint8_t kPacket = 1;
-constexpr std::uint8_t kFirstField = 0xfc;   // cc_data: marker bits, cc_valid, field
+constexpr std::uint8_t kFirstField = 0xfc;  // cc_data: marker bits, cc_valid, field
 constexpr std::uint8_t kSecondField = 0xfd;
 
 }  // namespace
@@ -40,8 +40,8 @@ std::vector<std::uint8_t> CaptionPadding(const Format::Fixed& caption)
     if (caption.codec == MP4_SUBTITLE_CEA608)
         return {kMark, kLine21, 1, kFirstField, 0x80, 0x80};  // a pair without a character
     // A caption distribution packet with one entry that is not valid; its bytes sum to 0.
-    std::vector<std::uint8_t> frame{kMark, kPacket, 16,   0x96, 0x69, 16, 0x4f, 0x43, 0, 0,
-                                    0x72,  0xe1,    0xfa, 0,    0,    0x74, 0,  0};
+    std::vector<std::uint8_t> frame{kMark, kPacket, 16,   0x96, 0x69, 16, 0x4f, 0x43, 0,
+                                    0,     0x72,    0xe1, 0xfa, 0,    0,  0x74, 0,    0};
     unsigned sum = 0;
     for (std::size_t at = 3; at < frame.size(); ++at)
         sum += frame[at];

@@ -79,8 +79,7 @@ std::optional<TimeCode> ReadTimeCode(const GstVideoTimeCode& code)
     if (!gst_video_time_code_is_valid(&code) || code.config.fps_n == 0 || code.config.fps_d == 0)
         return std::nullopt;
     const bool drop = (code.config.flags & GST_VIDEO_TIME_CODE_FLAGS_DROP_FRAME) != 0;
-    const std::uint32_t perSecond =
-        (code.config.fps_n + code.config.fps_d - 1) / code.config.fps_d;
+    const std::uint32_t perSecond = (code.config.fps_n + code.config.fps_d - 1) / code.config.fps_d;
     if (perSecond > 255)
         return std::nullopt;
     TimeCode found{};

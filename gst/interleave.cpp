@@ -61,7 +61,10 @@ G_DEFINE_TYPE(KvMp4Interleave, kvmp4_interleave, GST_TYPE_AGGREGATOR)
 
 namespace {
 
-State& StateOf(gpointer object) { return *static_cast<KvMp4Interleave*>(object)->state; }
+State& StateOf(gpointer object)
+{
+    return *static_cast<KvMp4Interleave*>(object)->state;
+}
 
 Kind KindOfPad(GstAggregatorPad* pad)
 {
@@ -73,8 +76,7 @@ std::optional<std::int64_t> RunningTime(const GstSegment& segment, GstClockTime 
     guint64 result = 0;
     if (!GST_CLOCK_TIME_IS_VALID(time) || segment.format != GST_FORMAT_TIME)
         return std::nullopt;
-    const int sign =
-        gst_segment_to_running_time_full(&segment, GST_FORMAT_TIME, time, &result);
+    const int sign = gst_segment_to_running_time_full(&segment, GST_FORMAT_TIME, time, &result);
     if (sign == 0)
         return std::nullopt;
     return sign > 0 ? static_cast<std::int64_t>(result) : -static_cast<std::int64_t>(result);
@@ -145,8 +147,7 @@ void PostCheckpoint(GstElement* element, const Checkpoint& checkpoint)
         "kvmp4-checkpoint", "position", G_TYPE_UINT64, guint64{checkpoint.position}, "duration",
         G_TYPE_UINT64, guint64{checkpoint.duration}, "bytes", G_TYPE_UINT64,
         guint64{checkpoint.bytes}, nullptr);
-    gst_element_post_message(element,
-                             gst_message_new_element(GST_OBJECT(element), structure));
+    gst_element_post_message(element, gst_message_new_element(GST_OBJECT(element), structure));
 }
 
 // What is said once a stream and recording.
@@ -182,8 +183,7 @@ void Record(GstAggregator* aggregator, const Head& head)
     const bool gap = GST_BUFFER_FLAG_IS_SET(head.buffer, GST_BUFFER_FLAG_GAP) &&
                      gst_buffer_get_size(head.buffer) == 0;
     const Recorder::Result result =
-        gap ? Recorder::Result::kNothing
-            : state.recorder->Write(head.kind, head.buffer, head.time);
+        gap ? Recorder::Result::kNothing : state.recorder->Write(head.kind, head.buffer, head.time);
     const GstClockTime span = GST_BUFFER_DURATION(head.buffer);
     stream.last = head.time;
     stream.span = GST_CLOCK_TIME_IS_VALID(span) ? static_cast<std::int64_t>(span) : 0;
@@ -300,7 +300,10 @@ void Finalize(GObject* object)
 
 }  // namespace
 
-static void kvmp4_interleave_init(KvMp4Interleave* self) { self->state = new State; }
+static void kvmp4_interleave_init(KvMp4Interleave* self)
+{
+    self->state = new State;
+}
 
 static void kvmp4_interleave_class_init(KvMp4InterleaveClass* type)
 {

@@ -33,7 +33,10 @@ std::uint32_t Output::Create(const wchar_t* widePath, std::uint8_t flags, mp4_ha
     return status;
 }
 
-Output& Output::Of(void* context) { return *static_cast<Output*>(context); }
+Output& Output::Of(void* context)
+{
+    return *static_cast<Output*>(context);
+}
 
 std::uint8_t Output::Open(void** context, const wchar_t*, std::uint32_t, std::uint32_t)
 {
@@ -45,9 +48,15 @@ std::uint8_t Output::Open(void** context, const wchar_t*, std::uint32_t, std::ui
     return self.m_file >= 0;
 }
 
-void Output::Close(void* context) { close(std::exchange(Of(context).m_file, -1)); }
+void Output::Close(void* context)
+{
+    close(std::exchange(Of(context).m_file, -1));
+}
 
-std::int64_t Output::Tell(void* context) { return lseek(Of(context).m_file, 0, SEEK_CUR); }
+std::int64_t Output::Tell(void* context)
+{
+    return lseek(Of(context).m_file, 0, SEEK_CUR);
+}
 
 void Output::Seek(void* context, std::int64_t offset, std::int32_t origin)
 {

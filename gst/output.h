@@ -1,6 +1,6 @@
-// A local file behind the library's callbacks, for recordings that are never to wait for the medium.
-// Nothing is held back: every byte goes to the system with the call that brings it, so that a killed
-// process loses none of them.
+// A local file behind the library's callbacks, for recordings that are never to wait for the
+// medium. Nothing is held back: every byte goes to the system with the call that brings it, so that
+// a killed process loses none of them.
 #pragma once
 
 #include <kv_mp4.h>
@@ -16,8 +16,8 @@ public:
     Output(const Output&) = delete;
     Output& operator=(const Output&) = delete;
 
-    // Creates a recording on this output; the status is that of the library. The output must outlive
-    // the recording.
+    // Creates a recording on this output; the status is that of the library. The output must
+    // outlive the recording.
     std::uint32_t Create(const wchar_t* widePath, std::uint8_t flags, mp4_handle* handle);
     // What made the open fail, as errno; 0 if it did not.
     int OpenError() const { return m_openError; }

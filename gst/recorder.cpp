@@ -1,6 +1,5 @@
 #include "recorder.h"
 
-
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -57,10 +56,9 @@ void Recorder::Open(const Settings& settings)
     if (wide.size() > kLongestPath)
         throw Failure{GST_RESOURCE_ERROR, GST_RESOURCE_ERROR_SETTINGS, "The location is too long."};
 
-    const auto flags =
-        static_cast<std::uint8_t>((settings.largeFile ? MP4_OPEN_LARGE_FILE : 0) |
-                                  (settings.safeMode ? MP4_OPEN_SAFE_MODE : 0) |
-                                  (settings.infoFile ? MP4_OPEN_INFO_FILE : 0));
+    const auto flags = static_cast<std::uint8_t>((settings.largeFile ? MP4_OPEN_LARGE_FILE : 0) |
+                                                 (settings.safeMode ? MP4_OPEN_SAFE_MODE : 0) |
+                                                 (settings.infoFile ? MP4_OPEN_INFO_FILE : 0));
     mp4_handle file = nullptr;
     std::uint32_t status = 0;
     if (settings.durable) {
@@ -92,7 +90,7 @@ void Recorder::Open(const Settings& settings)
     if (settings.infoFile && settings.infoFlush != Settings{}.infoFlush)
         mp4_repair_set_flush_interval(file, settings.infoFlush);
 
-    struct stat about{};
+    struct stat about {};
     if (settings.safeMode && stat(path.c_str(), &about) == 0 && S_ISREG(about.st_mode))
         m_reader = open(path.c_str(), O_RDONLY | O_CLOEXEC);
 }
@@ -120,8 +118,9 @@ void Recorder::SetCaps(Kind kind, const GstCaps* caps)
     Track& track = Of(kind);
     if (track.announced && track.format->fixed != format.fixed)
         throw Failure{GST_STREAM_ERROR, GST_STREAM_ERROR_FORMAT,
-                      "The "s + NameOf(kind) + " changes in the middle of the recording, and a "
-                                               "track has one description only."};
+                      "The "s + NameOf(kind) +
+                          " changes in the middle of the recording, and a "
+                          "track has one description only."};
     track.format = format;
 }
 

@@ -1,6 +1,6 @@
 // One recording: hands frames with running times to the library as frames with ticks, announces
-// tracks when they begin and keeps count. Knows buffers and caps, but neither pads nor elements; the
-// frames of all tracks come in order of their times, from one thread.
+// tracks when they begin and keeps count. Knows buffers and caps, but neither pads nor elements;
+// the frames of all tracks come in order of their times, from one thread.
 #pragma once
 
 #include "formats.h"
@@ -70,8 +70,8 @@ private:
     struct Track {
         std::optional<Format> format;
         bool announced = false;
-        bool begun = false;    // a frame is in the file
-        unsigned sets = 0;     // parameter sets that the stream has brought
+        bool begun = false;  // a frame is in the file
+        unsigned sets = 0;   // parameter sets that the stream has brought
         std::uint32_t timescale = 0;
         std::int64_t last = 0;  // ticks, of the last frame
         std::int64_t gap = 0;   // ticks between the last two

@@ -19,8 +19,8 @@ std::int64_t Scale(std::int64_t value, std::uint64_t numerator, std::uint64_t de
 {
     if (value <= 0)
         return 0;
-    return static_cast<std::int64_t>(gst_util_uint64_scale_round(
-        static_cast<std::uint64_t>(value), numerator, denominator));
+    return static_cast<std::int64_t>(
+        gst_util_uint64_scale_round(static_cast<std::uint64_t>(value), numerator, denominator));
 }
 
 // The bytes of a buffer while it lives.
@@ -29,8 +29,7 @@ public:
     explicit Mapped(GstBuffer* buffer) : m_buffer(buffer)
     {
         if (!gst_buffer_map(buffer, &m_map, GST_MAP_READ))
-            throw Failure{GST_RESOURCE_ERROR, GST_RESOURCE_ERROR_READ,
-                          "A buffer cannot be read."};
+            throw Failure{GST_RESOURCE_ERROR, GST_RESOURCE_ERROR_READ, "A buffer cannot be read."};
     }
     ~Mapped() { gst_buffer_unmap(m_buffer, &m_map); }
     Mapped(const Mapped&) = delete;
@@ -122,7 +121,8 @@ Recorder::Result Recorder::Write(Kind kind, GstBuffer* buffer, std::int64_t time
     return Result::kRecorded;
 }
 
-// The file itself is asked, and by the way a reader takes: what is told here is what a crash leaves.
+// The file itself is asked, and by the way a reader takes: what is told here is what a crash
+// leaves.
 std::optional<Checkpoint> Recorder::NewCheckpoint()
 {
     if (m_reader < 0)

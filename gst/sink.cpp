@@ -1,6 +1,6 @@
 // The element itself: a bin of the interleaver and a fakesink. It has the pads, the properties and
-// the tags, and opens and ends the recording with its states; order and times are the interleaver's,
-// preroll, flushing and the end of the stream those of the sinks of GStreamer.
+// the tags, and opens and ends the recording with its states; order and times are the
+// interleaver's, preroll, flushing and the end of the stream those of the sinks of GStreamer.
 #include "sink.h"
 
 #include "interleave.h"
@@ -57,7 +57,10 @@ G_DEFINE_TYPE_WITH_CODE(KvMp4Sink, kvmp4_sink, GST_TYPE_BIN,
 
 namespace {
 
-SinkState& StateOf(gpointer object) { return *static_cast<KvMp4Sink*>(object)->state; }
+SinkState& StateOf(gpointer object)
+{
+    return *static_cast<KvMp4Sink*>(object)->state;
+}
 
 GType StrategyType()
 {
@@ -152,8 +155,8 @@ GstStateChangeReturn ChangeState(GstElement* element, GstStateChange change)
         return GST_STATE_CHANGE_FAILURE;
     const GstStateChangeReturn result =
         GST_ELEMENT_CLASS(kvmp4_sink_parent_class)->change_state(element, change);
-    const bool undone = change == GST_STATE_CHANGE_READY_TO_PAUSED &&
-                        result == GST_STATE_CHANGE_FAILURE;
+    const bool undone =
+        change == GST_STATE_CHANGE_READY_TO_PAUSED && result == GST_STATE_CHANGE_FAILURE;
     // Without an end of the stream before it, what was recorded is finished all the same.
     if (change == GST_STATE_CHANGE_PAUSED_TO_READY || undone)
         FinishRecording(state.interleave);
@@ -212,8 +215,8 @@ void AddProperties(GObjectClass* type)
     const Settings defaults;
     const auto flag = [&](Property id, const char* name, const char* nick, const char* blurb,
                           bool value) {
-        g_object_class_install_property(
-            type, id, g_param_spec_boolean(name, nick, blurb, value, kAtRest));
+        g_object_class_install_property(type, id,
+                                        g_param_spec_boolean(name, nick, blurb, value, kAtRest));
     };
     const auto bytes = [&](Property id, const char* name, const char* nick, const char* blurb,
                            guint value) {
@@ -255,11 +258,12 @@ void AddProperties(GObjectClass* type)
                           defaults.infoFlush, kAtRest));
     flag(kLargeFile, "large-file", "Large file", "64-bit sizes and offsets, needed beyond 4 GiB",
          defaults.largeFile);
-    flag(kDurable, "durable", "Durable",
-         "Checkpoints and the log wait until the data is on the medium and so stand a power cut, "
-         "as far as the library was built to (KV_MP4_DURABLE); without it every byte goes to the "
-         "system at once and nothing is waited for but the log, which stands a crash of the process",
-         defaults.durable);
+    flag(
+        kDurable, "durable", "Durable",
+        "Checkpoints and the log wait until the data is on the medium and so stand a power cut, "
+        "as far as the library was built to (KV_MP4_DURABLE); without it every byte goes to the "
+        "system at once and nothing is waited for but the log, which stands a crash of the process",
+        defaults.durable);
     g_object_class_install_property(
         type, kDuration,
         g_param_spec_uint64("duration", "Duration",
@@ -310,12 +314,14 @@ static void kvmp4_sink_class_init(KvMp4SinkClass* type)
     for (const Kind kind : {Kind::kVideo, Kind::kAudio, Kind::kCaption}) {
         GstCaps* const caps = gst_static_caps_get(CapsOf(kind));
         gst_element_class_add_pad_template(
-            element,
-            gst_pad_template_new(NameOf(kind), GST_PAD_SINK, GST_PAD_REQUEST, caps));
+            element, gst_pad_template_new(NameOf(kind), GST_PAD_SINK, GST_PAD_REQUEST, caps));
         gst_caps_unref(caps);
     }
 }
 
-GType SinkType() { return kvmp4_sink_get_type(); }
+GType SinkType()
+{
+    return kvmp4_sink_get_type();
+}
 
 }  // namespace kvmp4sink

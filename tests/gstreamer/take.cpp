@@ -6,9 +6,15 @@
 
 // GLib keeps what it takes when it is loaded, which LeakSanitizer finds when it walks whole stacks.
 extern "C" const char* __lsan_default_suppressions();
-extern "C" const char* __lsan_default_suppressions() { return "leak:call_init\n"; }
+extern "C" const char* __lsan_default_suppressions()
+{
+    return "leak:call_init\n";
+}
 extern "C" const char* __asan_default_options();
-extern "C" const char* __asan_default_options() { return "fast_unwind_on_malloc=0"; }
+extern "C" const char* __asan_default_options()
+{
+    return "fast_unwind_on_malloc=0";
+}
 
 namespace kvtest {
 
@@ -39,8 +45,7 @@ std::string TextOf(GstMessage* message)
     else
         gst_message_parse_warning(message, &error, nullptr);
     const std::string domain = g_quark_to_string(error->domain);
-    const std::string text =
-        domain + " " + std::to_string(error->code) + ": " + error->message;
+    const std::string text = domain + " " + std::to_string(error->code) + ": " + error->message;
     g_error_free(error);
     gst_message_unref(message);
     return text;
@@ -52,8 +57,14 @@ Bytes Key()
 {
     return Bytes{0, 0, 1} + Sps() + Bytes{0, 0, 1} + Pps() + Unit(0x65);
 }
-Bytes Delta() { return Unit(0x41); }
-Bytes Sound() { return {0x21, 0x10, 4, 0x60, 0x8c, 0x1c}; }
+Bytes Delta()
+{
+    return Unit(0x41);
+}
+Bytes Sound()
+{
+    return {0x21, 0x10, 4, 0x60, 0x8c, 0x1c};
+}
 
 Take::Take(const std::string& name) : m_name(name)
 {
@@ -126,9 +137,8 @@ void Take::Buffer(const std::string& name, GstBuffer* buffer)
     Pad& pad = Of(name);
     if (!pad.segment)
         Segment(name, 0);
-    pad.steps.push_back([source = pad.source, buffer] {
-        return gst_pad_push(source, buffer) == GST_FLOW_OK;
-    });
+    pad.steps.push_back(
+        [source = pad.source, buffer] { return gst_pad_push(source, buffer) == GST_FLOW_OK; });
 }
 
 void Take::Caps(const std::string& name, const std::string& caps)
@@ -175,8 +185,8 @@ BoxFile Take::Finish()
     for (auto& [name, pad] : m_pads)
         Event(name, gst_event_new_eos());
     Run();
-    GstMessage* const end = Message(
-        static_cast<GstMessageType>(GST_MESSAGE_EOS | GST_MESSAGE_ERROR), true);
+    GstMessage* const end =
+        Message(static_cast<GstMessageType>(GST_MESSAGE_EOS | GST_MESSAGE_ERROR), true);
     if (!end || GST_MESSAGE_TYPE(end) != GST_MESSAGE_EOS)
         throw std::runtime_error(end ? TextOf(end) : "no end of the stream");
     gst_message_unref(end);
@@ -201,8 +211,14 @@ GstMessage* Take::Message(GstMessageType types, bool wait)
     return nullptr;
 }
 
-std::string Take::Error() { return TextOf(Message(GST_MESSAGE_ERROR, true)); }
-std::string Take::Warning() { return TextOf(Message(GST_MESSAGE_WARNING)); }
+std::string Take::Error()
+{
+    return TextOf(Message(GST_MESSAGE_ERROR, true));
+}
+std::string Take::Warning()
+{
+    return TextOf(Message(GST_MESSAGE_WARNING));
+}
 
 std::vector<std::map<std::string, guint64>> Take::Checkpoints()
 {

@@ -121,9 +121,9 @@ TEST(GstElement, PropertiesHaveTheLibrarysDefaultsAndKeepWhatIsSet)
     gboolean safe = TRUE, log = TRUE, large = TRUE, durable = FALSE;
     const auto read = [&] {
         g_object_get(take.Element(), "checkpoint-interval", &first, "checkpoint-max-interval",
-                     &largest, "checkpoint-threshold", &threshold, "checkpoint-strategy",
-                     &strategy, "info-flush-interval", &flush, "safe-mode", &safe, "info-file",
-                     &log, "large-file", &large, "durable", &durable, nullptr);
+                     &largest, "checkpoint-threshold", &threshold, "checkpoint-strategy", &strategy,
+                     "info-flush-interval", &flush, "safe-mode", &safe, "info-file", &log,
+                     "large-file", &large, "durable", &durable, nullptr);
         return std::vector<guint>{first, largest, threshold, static_cast<guint>(strategy), flush};
     };
     EXPECT_EQ(read(), (std::vector<guint>{0xA00000, 0x6400000, 0x40000000, 1, 900}));

@@ -163,8 +163,8 @@ TEST(GstTags, OfTheLastMomentAreRecorded)
     take.Caps("video", kH264);
     take.Frame("video", Key(), 0);
     take.Run();
-    gst_tag_setter_add_tags(GST_TAG_SETTER(take.Element()), GST_TAG_MERGE_REPLACE,
-                            GST_TAG_COMMENT, "Late", nullptr);
+    gst_tag_setter_add_tags(GST_TAG_SETTER(take.Element()), GST_TAG_MERGE_REPLACE, GST_TAG_COMMENT,
+                            "Late", nullptr);
     EXPECT_THAT(Contents(take.Finish()), HasSubstr("Late"));
 }
 
@@ -179,8 +179,8 @@ TEST(GstCheckpoints, AreToldWithTheirPlaceInTheFile)
             take.Frame("video", Key() + Unit(0x41, 997), i * 40 * kMs);
         const BoxFile file = take.Finish();
         const auto checkpoints = take.Checkpoints();
-        // Frames of 1049 bytes, 1053 in the file, from 44 on; twice a frame must fit in front of the
-        // limit of 3000. The 2nd at 1097 does not, nor any after it.
+        // Frames of 1049 bytes, 1053 in the file, from 44 on; twice a frame must fit in front of
+        // the limit of 3000. The 2nd at 1097 does not, nor any after it.
         ASSERT_EQ(checkpoints.size(), 9u);
         for (std::size_t i = 0; i < checkpoints.size(); ++i) {
             EXPECT_EQ(checkpoints[i].at("position"), 1097 + 1053 * i + 3000);

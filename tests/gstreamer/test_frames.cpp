@@ -139,8 +139,9 @@ TEST(GstFrames, ReorderedPicturesKeepTheirDecodingTimesWithAWarning)
     take.Frame("video", Delta(), GST_SECOND + 40 * kMs, GST_SECOND);
     take.Frame("video", Delta(), GST_SECOND + 80 * kMs, GST_SECOND + 40 * kMs);
     EXPECT_THAT(take.Finish().Box(kVideo + "stts"), ReadsAs("stts  4 x 3600"));
-    EXPECT_EQ(take.Warning(), "gst-stream-error-quark 11: The video has B-frames: its pictures keep "
-                              "their decoding times.");
+    EXPECT_EQ(take.Warning(),
+              "gst-stream-error-quark 11: The video has B-frames: its pictures keep "
+              "their decoding times.");
 }
 
 TEST(GstFrames, PicturesBeforeTheParameterSetsAreLeftOut)

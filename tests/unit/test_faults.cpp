@@ -210,12 +210,13 @@ TEST(ATableWithoutMemory, LeavesTheOtherTablesOfItsTrackAlone)
 
 namespace {
 
+using namespace std::string_literals;
 using Repair = InFolder;
 
 // The requests for memory of a repair, by their size. The media file is the head of an MP4 file.
-std::map<std::size_t, int> RequestsOf(const std::filesystem::path& media, const std::string& packets)
+std::map<std::size_t, int> RequestsOf(const std::filesystem::path& media,
+                                      const std::string& packets)
 {
-    using namespace std::string_literals;
     std::ofstream(media, std::ios::binary) << std::string(44, '\0');
     std::ofstream(media.string() + ".info", std::ios::binary) << "\x10\0\0\0\x24"s << packets;
     std::map<std::size_t, int> requests;
@@ -223,7 +224,8 @@ std::map<std::size_t, int> RequestsOf(const std::filesystem::path& media, const 
     testing::internal::CaptureStdout();
     EXPECT_EQ(CMp4Repair().Repair(media.wstring().c_str(), 0), 0u);
     // No line of a leak.
-    EXPECT_THAT(testing::internal::GetCapturedStdout(), testing::MatchesRegex(".line .+. Read EOF !\n"));
+    EXPECT_THAT(testing::internal::GetCapturedStdout(),
+                testing::MatchesRegex(".line .+. Read EOF !\n"));
     g_reallocs = nullptr;
     return requests;
 }
@@ -234,7 +236,6 @@ std::map<std::size_t, int> RequestsOf(const std::filesystem::path& media, const 
 // for an end mark.
 TEST_F(Repair, TakesMemoryForTheBlobsOfOnePacketOnly)
 {
-    using namespace std::string_literals;
     const std::string packet = "\1\1\0\0\0\6title\0"s + "\0\0\x30\x39"s + std::string(12345, 'x') +
                                "\0\0\0\0"s;
     std::string packets;
@@ -246,14 +247,12 @@ TEST_F(Repair, TakesMemoryForTheBlobsOfOnePacketOnly)
 // The log ends in a packet: its first blobs are still held then, and are no leak.
 TEST_F(Repair, GivesBackTheBlobsOfACutPacket)
 {
-    using namespace std::string_literals;
     const std::string packet = "\1\1\0\0\0\6title\0"s + "\0\0\0\2"s;
     EXPECT_EQ(RequestsOf(m_folder / "clip.mp4", packet)[7], 1);
 }
 
 TEST_F(Repair, AsksForNoMemoryThatTheLogCannotFill)
 {
-    using namespace std::string_literals;
     const std::string packet = "\1\1\x7F\xFF\xFF\xF0title"s;
     const auto requests = RequestsOf(m_folder / "clip.mp4", packet);
     EXPECT_TRUE(requests.empty() || requests.rbegin()->first < 100000);

@@ -32,8 +32,8 @@ using testing::ElementsAre;
 constexpr std::int64_t kMdat = 36;
 constexpr std::int64_t kMoov = 100;  // in safe mode; else 44
 
-// An output that keeps nothing. The clock moves on by 7 at the size of mdat, by 100 at that of moov,
-// which is written twice, and by 5000 at the end.
+// An output that keeps nothing. The clock moves on by 7 at the size of mdat, by 100 at that of
+// moov, which is written twice, and by 5000 at the end.
 ExternalIoFuncs* Output()
 {
     static std::int64_t position;

@@ -55,6 +55,8 @@ TEST_F(Durable, APlainRecordingWaitsForNothing)
     Recording rec;
     rec.SetH264();
     rec.FramesAt({0, 40, 80});
+    for (const std::uint64_t time : {120u, 160u})
+        EXPECT_EQ(rec.Video(Unit(0x65, 2 << 20), time), 0u);
     rec.Close();
     EXPECT_THAT(medium.Order(), IsEmpty());
     EXPECT_EQ(medium.hints, 0u);

@@ -80,6 +80,7 @@ TEST(NullRecords, Give4)
     EXPECT_EQ(mp4_create_file(L"a", 0, nullptr), 4u);
     EXPECT_EQ(mp4_create_file_ex("a", 0, nullptr), 4u);
     EXPECT_EQ(mp4_create_file_adv(nullptr, 0, 0, 0, MP4_IO_FILE, nullptr, &handle), 4u);
+    EXPECT_EQ(mp4_create_file_adv(L"a", 0, 0, 0, MP4_IO_FILE, nullptr, nullptr), 4u);
     EXPECT_EQ(mp4_create_file_adv_ex("a", 0, 0, 0, MP4_IO_FILE, nullptr, nullptr), 4u);
     EXPECT_EQ(mp4_create_file_adv_ex(nullptr, 0, 0, 0, MP4_IO_FILE, nullptr, &handle), 4u);
     EXPECT_EQ(handle, nullptr);
@@ -189,10 +190,10 @@ TEST(ANonAsciiPath, KeepsItsNameInBothForms)
     ASSERT_EQ(mp4_create_file_adv_ex(path.c_str(), 0, 0, 0, MP4_IO_FILE, nullptr, &handle), 0u);
     EXPECT_TRUE(std::filesystem::exists(path));
     mp4_close_file(handle);
-    const std::wstring wide = (folder / "").wstring() + L"\u20AC\U0001F3A5.mp4";
+    const std::wstring wide = (folder / "").wstring() + L"\u20AC\uFF0B\U0001F3A5.mp4";
     ASSERT_EQ(mp4_create_file_adv(wide.c_str(), 0, 0, 0, MP4_IO_FILE, nullptr, &handle), 0u);
     mp4_close_file(handle);
-    EXPECT_TRUE(std::filesystem::exists(folder / "\xE2\x82\xAC\xF0\x9F\x8E\xA5.mp4"));
+    EXPECT_TRUE(std::filesystem::exists(folder / "\xE2\x82\xAC\xEF\xBC\x8B\xF0\x9F\x8E\xA5.mp4"));
 }
 
 TEST(TheFirstPlainCreate, AnnouncesTheVersionOnceAndSetsTheLogger)

@@ -1,6 +1,7 @@
 #include "file_report.h"
 
 #include "failure.h"
+#include "system.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -127,7 +128,7 @@ std::vector<char> ReadAt(std::ifstream& file, std::uint64_t position, std::uint6
 std::ifstream Open(const std::string& path, std::uint64_t& size)
 {
     errno = 0;
-    std::ifstream file(path, std::ios::binary | std::ios::ate);
+    std::ifstream file(PathOf(path), std::ios::binary | std::ios::ate);
     const auto end = file ? static_cast<std::streamoff>(file.tellg()) : -1;
     if (end < 0 || end == std::numeric_limits<std::streamoff>::max())
         throw Failure(kExitInput, "the file " + path + " cannot be read: " +

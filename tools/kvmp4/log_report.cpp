@@ -1,6 +1,7 @@
 #include "log_report.h"
 
 #include "failure.h"
+#include "system.h"
 
 #include <kv_mp4.h>
 
@@ -201,7 +202,7 @@ private:
 LogReport ReadLog(const std::string& path)
 {
     errno = 0;
-    std::ifstream file(path, std::ios::binary);
+    std::ifstream file(PathOf(path), std::ios::binary);
     std::vector<char> bytes;
     if (file) {
         file.seekg(0, std::ios::end);

@@ -1,26 +1,35 @@
 #include "failure.h"
 #include "inspect.h"
-#include "record.h"
 #include "repair.h"
+#include "system.h"
 #include "verify.h"
+#if KVMP4_CAN_RECORD
+#include "record.h"
+#endif
 
 #include <CLI/CLI.hpp>
 #include <fmt/core.h>
 #include <spdlog/sinks/stdout_color_sinks.h>
 #include <spdlog/spdlog.h>
 
+#include <algorithm>
 #include <csignal>
 #include <cstdint>
 #include <exception>
 #include <map>
 #include <string>
+#include <vector>
 
+#if KVMP4_CAN_RECORD
 extern "C" {
 #include <libavdevice/avdevice.h>
 #include <libavutil/log.h>
 }
+#endif
 
 namespace {
+
+#if KVMP4_CAN_RECORD
 
 constexpr char kRecordHelp[] = R"(
 Takes H.264, HEVC or ProRes video and AAC audio from the inputs, without re-encoding, and records
@@ -61,6 +70,67 @@ begins with "com.".
 
 Exit codes: 0 recorded; 1 other; 2 usage; 3 the input cannot be opened or read; 4 no usable stream
 or a codec that cannot be recorded; 5 the output cannot be created; 6 a write failed.)";
+
+void OnSignal(int)
+{
+    // A second Ctrl-C ends the process at once.
+    if (g_stop.exchange(true))
+        std::_Exit(kExitOther);
+}
+
+CLI::App* AddRecord(CLI::App& app, RecordOptions& options)
+{
+    CLI::App* const record = app.add_subcommand("record", "Record from files, pipes, streams or devices");
+    record->footer(kRecordHelp);
+    record->add_option("-i,--input", options.inputs,
+                       "Input: a file, pipe, URL or device; again for audio or captions apart")
+        ->required()
+        ->expected(1, 3);
+    record->add_option("-o,--output", options.output, "The file to record to")->required();
+    record->add_option("-f,--format", options.format, "Input format, as FFmpeg names it");
+    record->add_option("--video", options.video, "Video stream: auto, none or its index");
+    record->add_option("--audio", options.audio, "Audio stream: auto, none or its index");
+    record->add_option("--captions", options.captions,
+                       "Captions: auto, none, video or a stream's index");
+    record->add_option("--caption-format", options.captionFormat,
+                       "What the caption track holds: 608 or 708");
+    record->add_option("--timecode", options.timeCode,
+                       "Time code of the first frame: HH:MM:SS:FF (;FF drops frames), auto, none");
+    record->add_option("--fps", options.fps,
+                       "Frame rate of a raw stream without times, e.g. 25 or 30000/1001");
+    record->add_option("--metadata", options.metadata, "An item key=value; may be repeated")
+        ->expected(1)
+        ->take_all();
+    record->add_option("--duration", options.duration, "Stop after so many seconds")
+        ->check(CLI::PositiveNumber);
+    record->add_flag("--large-file", options.largeFile, "64-bit sizes, for files beyond 4 GiB");
+    record->add_flag("--fast-header", options.fastHeader, "Write the index with a single write");
+    record->add_flag("--version1", options.version1, "64-bit durations in the headers");
+    SafetyOptions& safety = options.safety;
+    record->add_flag("--safe", safety.safe, "Write checkpoints, so that a killed recording plays");
+    record->add_option("--safe-strategy", safety.strategy,
+                       "How the distance grows: fixed, linear (default) or stepped")
+        ->transform(CLI::CheckedTransformer(
+            std::map<std::string, std::uint32_t>{{"fixed", 0}, {"linear", 1}, {"stepped", 2}}));
+    record->add_option("--safe-min", safety.minInterval, "First and smallest distance (10MiB)")
+        ->transform(CLI::AsSizeValue(false));
+    record->add_option("--safe-max", safety.maxInterval, "Largest distance (100MiB)")
+        ->transform(CLI::AsSizeValue(false));
+    record->add_option("--safe-threshold", safety.threshold,
+                       "File size that has the largest distance (1GiB)")
+        ->transform(CLI::AsSizeValue(false));
+    record->add_flag("--info", safety.info, "Keep a log for \"kvmp4 repair\", OUTPUT.info");
+    record->add_option("--info-flush", safety.infoFlush,
+                       "Video frames from flush to flush of the log, 10 or more (900)")
+        ->check(CLI::Range(10u, 0xFFFFFFFFu));
+    record->add_option("--profile", safety.profile, "low-loss: lose less than 2 s (see below)")
+        ->check(CLI::IsMember({"low-loss"}));
+    record->add_flag("--realtime", options.realtime, "Read a file at the pace of its times");
+    record->add_flag("-y,--overwrite", options.overwrite, "Overwrite the output");
+    record->add_flag("-v,--verbose", options.verbose, "Show the logs");
+    return record;
+}
+#endif
 
 constexpr char kRepairHelp[] = R"(
 Rebuilds the index of a recording that did not end properly, from the log beside it, FILE.info, which
@@ -110,13 +180,6 @@ Exit codes: 0 read whole; 12 damaged, and what could be read is shown; 2 usage; 
 opened or read; 5 the map cannot be created; 6 a write failed; 14 it is no MP4 or MOV file and no
 log.)";
 
-void OnSignal(int)
-{
-    // A second Ctrl-C ends the process at once.
-    if (g_stop.exchange(true))
-        std::_Exit(kExitOther);
-}
-
 int Fail(ExitCode code, const std::string& sentence)
 {
     fmt::print(stderr, "kvmp4: {}\n", sentence);
@@ -130,56 +193,12 @@ int main(int argc, char** argv)
     CLI::App app{"Records live video into MP4 and MOV files.", "kvmp4"};
     app.set_version_flag("--version", "kvmp4 " KVMP4_VERSION);
     app.require_subcommand(1);
+    app.allow_windows_style_options(false);  // a path may begin with a slash
 
+#if KVMP4_CAN_RECORD
     RecordOptions options;
-    CLI::App* record = app.add_subcommand("record", "Record from files, pipes, streams or devices");
-    record->footer(kRecordHelp);
-    record->add_option("-i,--input", options.inputs,
-                       "Input: a file, pipe, URL or device; again for audio or captions apart")
-        ->required()
-        ->expected(1, 3);
-    record->add_option("-o,--output", options.output, "The file to record to")->required();
-    record->add_option("-f,--format", options.format, "Input format, as FFmpeg names it");
-    record->add_option("--video", options.video, "Video stream: auto, none or its index");
-    record->add_option("--audio", options.audio, "Audio stream: auto, none or its index");
-    record->add_option("--captions", options.captions,
-                       "Captions: auto, none, video or a stream's index");
-    record->add_option("--caption-format", options.captionFormat,
-                       "What the caption track holds: 608 or 708");
-    record->add_option("--timecode", options.timeCode,
-                       "Time code of the first frame: HH:MM:SS:FF (;FF drops frames), auto, none");
-    record->add_option("--fps", options.fps,
-                       "Frame rate of a raw stream without times, e.g. 25 or 30000/1001");
-    record->add_option("--metadata", options.metadata, "An item key=value; may be repeated")
-        ->expected(1)
-        ->take_all();
-    record->add_option("--duration", options.duration, "Stop after so many seconds")
-        ->check(CLI::PositiveNumber);
-    record->add_flag("--large-file", options.largeFile, "64-bit sizes, for files beyond 4 GiB");
-    record->add_flag("--fast-header", options.fastHeader, "Write the index with a single write");
-    record->add_flag("--version1", options.version1, "64-bit durations in the headers");
-    SafetyOptions& safety = options.safety;
-    record->add_flag("--safe", safety.safe, "Write checkpoints, so that a killed recording plays");
-    record->add_option("--safe-strategy", safety.strategy,
-                       "How the distance grows: fixed, linear (default) or stepped")
-        ->transform(CLI::CheckedTransformer(
-            std::map<std::string, std::uint32_t>{{"fixed", 0}, {"linear", 1}, {"stepped", 2}}));
-    record->add_option("--safe-min", safety.minInterval, "First and smallest distance (10MiB)")
-        ->transform(CLI::AsSizeValue(false));
-    record->add_option("--safe-max", safety.maxInterval, "Largest distance (100MiB)")
-        ->transform(CLI::AsSizeValue(false));
-    record->add_option("--safe-threshold", safety.threshold,
-                       "File size that has the largest distance (1GiB)")
-        ->transform(CLI::AsSizeValue(false));
-    record->add_flag("--info", safety.info, "Keep a log for \"kvmp4 repair\", OUTPUT.info");
-    record->add_option("--info-flush", safety.infoFlush,
-                       "Video frames from flush to flush of the log, 10 or more (900)")
-        ->check(CLI::Range(10u, 0xFFFFFFFFu));
-    record->add_option("--profile", safety.profile, "low-loss: lose less than 2 s (see below)")
-        ->check(CLI::IsMember({"low-loss"}));
-    record->add_flag("--realtime", options.realtime, "Read a file at the pace of its times");
-    record->add_flag("-y,--overwrite", options.overwrite, "Overwrite the output");
-    record->add_flag("-v,--verbose", options.verbose, "Show the logs");
+    CLI::App* record = AddRecord(app, options);
+#endif
 
     RepairOptions repairOptions;
     CLI::App* repair = app.add_subcommand("repair", "Repair a recording that was cut off");
@@ -212,7 +231,9 @@ int main(int argc, char** argv)
     verify->add_flag("-v,--verbose", verifyOptions.verbose, "Tell what is unusual, too");
 
     try {
-        app.parse(argc, argv);
+        std::vector<std::string> arguments = Arguments(argc, argv);
+        std::ranges::reverse(arguments);  // the parser takes them from the back
+        app.parse(std::move(arguments));
     } catch (const CLI::ParseError& error) {
         const int code = app.exit(error);
         return code == 0 ? kExitOk : kExitUsage;
@@ -220,16 +241,21 @@ int main(int argc, char** argv)
 
     // The library logs through spdlog's default logger, which is ours.
     spdlog::set_default_logger(spdlog::stderr_color_mt("kvmp4"));
-    spdlog::set_level(options.verbose || repairOptions.verbose ? spdlog::level::info : spdlog::level::off);
+    bool verbose = repairOptions.verbose;
+#if KVMP4_CAN_RECORD
+    verbose = verbose || options.verbose;
     av_log_set_level(options.verbose ? AV_LOG_INFO : AV_LOG_FATAL);
     avdevice_register_all();
-
     struct sigaction action {};
     action.sa_handler = OnSignal;
     sigaction(SIGINT, &action, nullptr);
     sigaction(SIGTERM, &action, nullptr);
+#endif
+    spdlog::set_level(verbose ? spdlog::level::info : spdlog::level::off);
+#if !defined(_WIN32)
     std::signal(SIGPIPE, SIG_IGN);
     std::signal(SIGXFSZ, SIG_IGN);
+#endif
 
     try {
         if (repair->parsed())
@@ -238,7 +264,10 @@ int main(int argc, char** argv)
             return Inspect(inspectOptions);
         if (verify->parsed())
             return Verify(verifyOptions);
-        Record(options);
+#if KVMP4_CAN_RECORD
+        if (record->parsed())
+            Record(options);
+#endif
     } catch (const Failure& failure) {
         return Fail(failure.code, failure.what());
     } catch (const std::exception& error) {

@@ -3,7 +3,7 @@
 #include "failure.h"
 #include "file_report.h"
 #include "log_report.h"
-#include "safety.h"
+#include "system.h"
 
 #include <kv_mp4.h>
 
@@ -16,12 +16,6 @@
 #include <fstream>
 #include <string>
 #include <system_error>
-
-#include <fcntl.h>
-#include <linux/fs.h>
-#include <sys/ioctl.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
 namespace {
 
@@ -47,40 +41,6 @@ std::uint64_t Sum(const std::array<std::uint64_t, kTracks>& counts)
     return sum;
 }
 
-// The process, other than this one, that has a file open for writing; 0 if none is to be seen.
-long Writer(const std::string& path)
-{
-    struct stat wanted {};
-    if (stat(path.c_str(), &wanted) != 0)
-        return 0;
-    std::error_code error;
-    const fs::directory_iterator end;
-    // Processes come and go meanwhile: an error ends their part of the list only.
-    for (fs::directory_iterator process("/proc", error); process != end;
-         process.increment(error)) {
-        const std::string name = process->path().filename();
-        if (name.find_first_not_of("0123456789") != std::string::npos)
-            continue;
-        std::error_code gone;
-        for (fs::directory_iterator descriptor(process->path() / "fd", gone);
-             !gone && descriptor != end; descriptor.increment(gone)) {
-            struct stat opened {};
-            if (stat(descriptor->path().c_str(), &opened) != 0 ||
-                opened.st_dev != wanted.st_dev || opened.st_ino != wanted.st_ino)
-                continue;
-            std::ifstream info(process->path() / "fdinfo" / descriptor->path().filename());
-            std::string word;
-            while (info >> word && word != "flags:") {
-            }
-            unsigned flags = 0;
-            info >> std::oct >> flags;
-            if ((flags & O_ACCMODE) != O_RDONLY)
-                return std::stol(name);
-        }
-    }
-    return 0;
-}
-
 // Throws where the log is no log at all.
 void CheckLog(const std::string& path, const LogReport& log)
 {
@@ -101,8 +61,8 @@ Plan MakePlan(const std::string& path, const FileReport& file, const LogReport& 
 
     const bool announced = log.tracks[kVideoTrack].announced || log.tracks[kAudioTrack].announced;
     const bool movPath = path.find("mov") != std::string::npos;
-    if (const long writer = std::max(Writer(path), Writer(path + ".info")); writer != 0)
-        plan.refusal = fmt::format("process {} is still writing it", writer);
+    if (const std::string writer = std::max(Writer(path), Writer(path + ".info")); !writer.empty())
+        plan.refusal = writer + " is still writing it";
     else if (!log.hasHeader)
         plan.refusal = "the log ends in its header, and a repair would empty the file";
     else if (file.size < log.mdatPosition + 8)
@@ -224,27 +184,9 @@ Json Describe(const FileReport& file, const LogReport& log, const Plan& plan)
               {"unlogged_bytes", plan.unlogged}}}};
 }
 
-// A copy that shares the blocks where the file system can.
 void Copy(const std::string& from, const std::string& to)
 {
-    const int source = open(from.c_str(), O_RDONLY | O_CLOEXEC);
-    const int target = open(to.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
-    int error = source < 0 || target < 0 ? errno : 0;
-    const bool shared = error == 0 && ioctl(target, FICLONE, source) == 0;
-    if (source >= 0)
-        close(source);
-    if (target >= 0)
-        close(target);
-    std::error_code failure(error, std::generic_category());
-    if (error == 0) {
-        if (!shared)
-            fs::copy_file(from, to, fs::copy_options::overwrite_existing, failure);
-        if (!failure)
-            fs::permissions(to, fs::status(from).permissions(), failure);
-        if (failure)
-            unlink(to.c_str());
-    }
-    if (failure)
+    if (const std::error_code failure = CopyFile(from, to))
         throw Failure(kExitOutput, "the backup " + to + " cannot be made: " + failure.message());
 }
 
@@ -254,13 +196,12 @@ void RestoreLargeSizeMark(const std::string& path, const LogReport& log)
 {
     if (!(log.flags & MP4_OPEN_LARGE_FILE))
         return;
-    const int file = open(path.c_str(), O_WRONLY | O_CLOEXEC);
     constexpr char kMark[] = {0, 0, 0, 1};
-    const bool done = file >= 0 && pwrite(file, kMark, sizeof kMark,
-                                          static_cast<off_t>(log.mdatPosition)) == sizeof kMark;
+    errno = 0;
+    std::fstream file(PathOf(path), std::ios::binary | std::ios::in | std::ios::out);
+    file.seekp(static_cast<std::streamoff>(log.mdatPosition));
+    const bool done = file.write(kMark, sizeof kMark) && file.flush();
     const int error = errno;
-    if (file >= 0)
-        close(file);
     if (!done)
         throw Failure(kExitWrite, "the repair of " + path + " failed: " +
                                       std::generic_category().message(error));
@@ -323,18 +264,18 @@ private:
         std::error_code error;
         if (path.size() > kLongestPath)
             throw Failure(kExitUsage, "the path of the file is too long");
-        const fs::file_status status = fs::status(path, error);
+        const fs::file_status status = fs::status(PathOf(path), error);
         if (!fs::exists(status) || !fs::is_regular_file(status))
             throw Failure(kExitInput, "the file " + path + " cannot be opened: " +
                                           (fs::exists(status) ? "not a regular file"
                                                               : error.message()));
-        if (access(path.c_str(), R_OK | (m_options.dryRun ? 0 : W_OK)) != 0)
-            throw Failure(kExitInput, "the file " + path + " cannot be opened: " +
-                                          std::generic_category().message(errno));
-        if (!fs::exists(fs::symlink_status(log, error)))
+        if (const std::error_code no = MayOpen(path, !m_options.dryRun))
+            throw Failure(kExitInput,
+                          "the file " + path + " cannot be opened: " + no.message());
+        if (!fs::exists(fs::symlink_status(PathOf(log), error)))
             throw Failure(kExitNoLog, path + " has no log, " + log +
                                           ": it was closed properly or recorded without --info");
-        if (fs::exists(log, error) && !fs::is_regular_file(log, error))
+        if (fs::exists(PathOf(log), error) && !fs::is_regular_file(PathOf(log), error))
             throw Failure(kExitLog, "the log " + log + " cannot be read: not a regular file");
     }
 

@@ -1,6 +1,7 @@
 #include "safety.h"
 
 #include "failure.h"
+#include "system.h"
 
 #include <algorithm>
 #include <cmath>
@@ -8,9 +9,6 @@
 #include <functional>
 #include <limits>
 #include <numeric>
-
-#include <fcntl.h>
-#include <unistd.h>
 
 namespace {
 
@@ -144,24 +142,4 @@ double LowLoss::Rate()
     const double sum = std::accumulate(m_video.begin() + standOut, m_video.end(), 0.0);
     const double video = rest > 0 ? sum * static_cast<double>(m_video.size()) / rest : 0;
     return (video + others) / kWindow;
-}
-
-QuietOutput::QuietOutput()
-{
-    std::fflush(stdout);
-    m_output = dup(STDOUT_FILENO);
-    const int nowhere = open("/dev/null", O_WRONLY | O_CLOEXEC);
-    if (m_output >= 0 && nowhere >= 0)
-        dup2(nowhere, STDOUT_FILENO);
-    if (nowhere >= 0)
-        close(nowhere);
-}
-
-QuietOutput::~QuietOutput()
-{
-    std::fflush(stdout);
-    if (m_output < 0)
-        return;
-    dup2(m_output, STDOUT_FILENO);
-    close(m_output);
 }

@@ -66,15 +66,3 @@ private:
     double m_flushed = 0;                // the time of the last flush
     std::uint64_t m_stored = 0;          // an upper bound of the data until the first checkpoint
 };
-
-// While it lives, what the library prints to standard output goes nowhere: that belongs to results.
-class QuietOutput {
-public:
-    QuietOutput();
-    ~QuietOutput();
-    QuietOutput(const QuietOutput&) = delete;
-    QuietOutput& operator=(const QuietOutput&) = delete;
-
-private:
-    int m_output;
-};

@@ -8,6 +8,8 @@ install(TARGETS kv_mp4 EXPORT kv_mp4_targets
     LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
         COMPONENT runtime
         NAMELINK_COMPONENT dev
+    RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT runtime
+    ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT dev
     INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
 install(FILES include/kv_mp4.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} COMPONENT dev)
 
@@ -42,6 +44,11 @@ endif()
 configure_file(packaging/kv_mp4.pc.in ${PROJECT_BINARY_DIR}/kv_mp4.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/kv_mp4.pc
     DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT dev)
+
+if(WIN32)
+    include(cmake/zip.cmake)
+    return()
+endif()
 
 install(FILES docs/man/libkv_mp4.3 DESTINATION ${CMAKE_INSTALL_MANDIR}/man3 COMPONENT dev)
 

@@ -16,7 +16,8 @@
  * @par Paths
  *   "Wide" paths are NUL-terminated strings of the system's wchar_t. On Linux they are turned into
  *   UTF-8 for the system, whatever the locale. "Multibyte" paths are NUL-terminated strings in the
- *   encoding of the locale "en_US.utf8" ("C.UTF-8" where that one is not installed).
+ *   encoding of the locale "en_US.utf8" ("C.UTF-8" where that one is not installed); on Windows
+ *   they are UTF-8 whatever the locale.
  *
  * @par Time
  *   A timestamp is a count of ticks of its track's timescale, where timescale is ticks per second.

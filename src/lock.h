@@ -1,7 +1,7 @@
 // A plain lock that one thread may take again, and its scoped holder.
 #pragma once
 
-#include <mutex>
+#include "platform.h"
 
 class CMLock {
 public:
@@ -10,11 +10,11 @@ public:
     CMLock(const CMLock&) = delete;
     CMLock& operator=(const CMLock&) = delete;
 
-    void Lock() { m_mutex.lock(); }
-    void Unlock() { m_mutex.unlock(); }
+    void Lock() { m_section.lock(); }
+    void Unlock() { m_section.unlock(); }
 
 private:
-    std::recursive_mutex m_mutex;
+    platform::CriticalSection m_section;
 };
 
 // Holds a lock for its own lifetime, also when an exception ends it.

@@ -6,6 +6,9 @@
 #include <cerrno>
 #include <cstdint>
 #include <cstdio>
+#if !defined(_WIN32)
+#include <mutex>
+#endif
 
 #include <spdlog/common.h>
 
@@ -22,6 +25,26 @@ private:
 };
 
 namespace platform {
+
+// A lock that one thread may take again, in the form that std::lock_guard knows.
+#if defined(_WIN32)
+class CriticalSection {
+public:
+    static constexpr std::size_t kSize = 40;  // of a CRITICAL_SECTION, which stays out of headers
+
+    CriticalSection();
+    ~CriticalSection();
+    CriticalSection(const CriticalSection&) = delete;
+    CriticalSection& operator=(const CriticalSection&) = delete;
+    void lock();
+    void unlock();
+
+private:
+    alignas(void*) unsigned char m_section[kSize];
+};
+#else
+using CriticalSection = std::recursive_mutex;
+#endif
 
 // Opens a buffered stream; `mode` as for fopen. Null with errno on failure, EILSEQ for a path that
 // has no form in the system's encoding.
@@ -56,12 +79,12 @@ void BeginWriteBack(std::FILE* stream);
 std::int64_t ClockMs();
 
 // Sets the process's locale, all categories, to "en_US.utf8", or "C.UTF-8" where the system does
-// not have it. Leaves errno alone.
+// not have it; Windows' old runtime has neither and keeps its own. Leaves errno alone.
 void SetUtf8Locale();
 
-// Converts a multibyte path in the current locale into at most `limit` wide characters, ended by
-// NUL if there is room; with a null `wide` only measures. The length without the NUL, or
-// SIZE_MAX for bytes that are not valid in the locale.
+// Converts a multibyte path in the current locale, on Windows always UTF-8, into at most `limit`
+// wide characters, ended by NUL if there is room; with a null `wide` only measures. The length
+// without the NUL, or SIZE_MAX for bytes that are not valid.
 std::size_t WidenPath(wchar_t* wide, const char* path, std::size_t limit);
 
 // Where the library's own logger writes: the debugger's output on Windows, else standard error.

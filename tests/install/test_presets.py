@@ -20,6 +20,8 @@ PRESETS = {
     "asan": {"KV_MP4_SANITIZE": "address,undefined", "KV_MP4_BUILD_TESTS": "ON"},
     "tsan": {"KV_MP4_SANITIZE": "thread", "KV_MP4_BUILD_TESTS": "ON"},
     "fuzz": {"KV_MP4_BUILD_FUZZ": "ON", "KV_MP4_DURABLE": "OFF"},
+    "windows": {"CMAKE_BUILD_TYPE": "Release", "KV_MP4_BUILD_TOOLS": "ON",
+                "KV_MP4_BUILD_TESTS": "ON", "KV_MP4_WITH_FFMPEG": "OFF", "KV_MP4_WERROR": "ON"},
     "coverage": {"KV_MP4_COVERAGE": "ON", "KV_MP4_BUILD_TESTS": "ON",
                  "CMAKE_BUILD_TYPE": "Debug"},
 }
@@ -46,7 +48,8 @@ class Presets(unittest.TestCase):
 
     def test_each_makes_the_build_that_it_names(self):
         for name, options in PRESETS.items():
-            if name == "fuzz" and not shutil.which("clang++"):
+            compiler = {"fuzz": "clang++", "windows": "x86_64-w64-mingw32-g++-posix"}.get(name)
+            if compiler and not shutil.which(compiler):
                 continue
             with self.subTest(name):
                 cache = self.configured(name)

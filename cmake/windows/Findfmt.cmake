@@ -1,0 +1,5 @@
+if(NOT TARGET fmt::fmt)
+    include(${CMAKE_CURRENT_LIST_DIR}/host_headers.cmake)
+    host_headers(fmt::fmt fmt ${CMAKE_CURRENT_LIST_DIR}/fmt.cpp)
+endif()
+set(fmt_FOUND TRUE)

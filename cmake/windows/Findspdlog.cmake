@@ -1,0 +1,8 @@
+find_package(fmt REQUIRED)
+if(NOT TARGET spdlog::spdlog)
+    include(${CMAKE_CURRENT_LIST_DIR}/host_headers.cmake)
+    host_headers(spdlog::spdlog spdlog ${CMAKE_CURRENT_LIST_DIR}/spdlog.cpp)
+    target_compile_definitions(host_spdlog PUBLIC SPDLOG_COMPILED_LIB SPDLOG_FMT_EXTERNAL)
+    target_link_libraries(host_spdlog PUBLIC fmt::fmt)
+endif()
+set(spdlog_FOUND TRUE)

@@ -110,7 +110,7 @@ TEST_F(Durable, TheSystemIsAskedToBeginWithEachMebibyte)
     EXPECT_EQ(rec.Video(Bytes((1 << 20) - 200, 1), 0), 0u);  // and the head, of some 50 bytes
     EXPECT_EQ(medium.hints, 0u);
     EXPECT_EQ(rec.Video(Bytes(200, 1), 40), 0u);
-    EXPECT_EQ(medium.hints, KV_MP4_WRITE_BEHIND ? 1u : 0u);
+    EXPECT_EQ(medium.hints, Medium::kTakesHints ? 1u : 0u);
 }
 
 // ---- A medium that refuses -------------------------------------------------------------------

@@ -1,4 +1,5 @@
 // Handles, paths and the set-up of the logger.
+#include "support/matches.h"
 #include "support/recording.h"
 
 #include <gmock/gmock.h>
@@ -32,7 +33,7 @@ TEST(AClosedHandle, Gives2WithItsValueInTheLog)
     const mp4_handle stale = rec.Handle();
     rec.Close();
     EXPECT_EQ(mp4_close_file(stale), 2u);
-    EXPECT_THAT(rec.Log().Lines().back(), testing::MatchesRegex("error invalid handle 0x[0-9a-f]+"));
+    EXPECT_THAT(rec.Log().Lines().back(), Matches("error invalid handle 0x[0-9a-f]+"));
 }
 
 namespace {
@@ -170,6 +171,8 @@ TEST(APathThatIsNotValidInTheLocale, Gives1)
     EXPECT_TRUE(log.Has("error wcstombs failed"));
 }
 
+#if !defined(_WIN32)  // where any 16-bit characters name a file
+
 // A lone surrogate, and what lies beyond the last code point.
 TEST(AWidePathThatNoFileCanHave, Gives1)
 {
@@ -182,12 +185,15 @@ TEST(AWidePathThatNoFileCanHave, Gives1)
     }
 }
 
+#endif
+
 TEST(ANonAsciiPath, KeepsItsNameInBothForms)
 {
     Folder folder;
     const std::filesystem::path path = folder / "\xC3\xA4\xE2\x82\xAC.mp4";
     mp4_handle handle = nullptr;
-    ASSERT_EQ(mp4_create_file_adv_ex(path.c_str(), 0, 0, 0, MP4_IO_FILE, nullptr, &handle), 0u);
+    ASSERT_EQ(mp4_create_file_adv_ex(Utf8(path).c_str(), 0, 0, 0, MP4_IO_FILE, nullptr, &handle),
+              0u);
     EXPECT_TRUE(std::filesystem::exists(path));
     mp4_close_file(handle);
     const std::wstring wide = (folder / "").wstring() + L"\u20AC\uFF0B\U0001F3A5.mp4";
@@ -202,7 +208,7 @@ TEST(TheFirstPlainCreate, AnnouncesTheVersionOnceAndSetsTheLogger)
     LogCapture log;
     for (const char* name : {"a.mp4", "b.mp4"}) {
         mp4_handle handle = nullptr;
-        ASSERT_EQ(mp4_create_file_ex((folder / name).c_str(), 0, &handle), 0u);
+        ASSERT_EQ(mp4_create_file_ex((folder / name).string().c_str(), 0, &handle), 0u);
         mp4_close_file(handle);
     }
     EXPECT_EQ(log.Count("info lumivane mp4 library 1.0.1.17543"), 1u);

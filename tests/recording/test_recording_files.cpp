@@ -1,5 +1,6 @@
 // The life of a file: what create and close leave on the disk and in the log.
 #include "support/file_size_limit.h"
+#include "support/matches.h"
 #include "support/recording.h"
 
 #include <gmock/gmock.h>
@@ -57,8 +58,9 @@ TEST(TheKindOfAFile, FollowsMovAnywhereInThePathAndItsCase)
     std::filesystem::create_directory(folder / "movies");
     const auto first = [&](const std::string& name) {
         mp4_handle file = nullptr;
-        EXPECT_EQ(mp4_create_file_adv_ex((folder / name).c_str(), 0, 0, 0, MP4_IO_FILE, nullptr,
-                                         &file), 0u);
+        EXPECT_EQ(mp4_create_file_adv_ex((folder / name).string().c_str(), 0, 0, 0, MP4_IO_FILE,
+                                         nullptr, &file),
+                  0u);
         EXPECT_EQ(mp4_close_file(file), 0u);
         return BoxFile::Read(folder / name).U32(0);
     };
@@ -165,12 +167,12 @@ TEST(TheLogOfAClose, NamesEachStepInOrder)
     auto lines = rec.Log().Lines();
     lines.erase(lines.begin(), lines.begin() + 2);
     ASSERT_EQ(lines.size(), 5u);
-    EXPECT_THAT(lines[0], testing::MatchesRegex("info Muxer - Close - mdat finish takes .+ ms"));
+    EXPECT_THAT(lines[0], Matches("info Muxer - Close - mdat finish takes .+ ms"));
     EXPECT_EQ(lines[1], "info moov update size finished");
-    EXPECT_THAT(lines[2], testing::MatchesRegex("info Muxer - Close - moov write takes .+ ms"));
+    EXPECT_THAT(lines[2], Matches("info Muxer - Close - moov write takes .+ ms"));
     EXPECT_THAT(lines[3],
-                testing::MatchesRegex("info Muxer - Close - remove info file takes .+ ms"));
-    EXPECT_THAT(lines[4], testing::MatchesRegex("info Muxer - Close - uninit takes .+ ms"));
+                Matches("info Muxer - Close - remove info file takes .+ ms"));
+    EXPECT_THAT(lines[4], Matches("info Muxer - Close - uninit takes .+ ms"));
 }
 
 TEST(FlagsWithoutAMeaning, ChangeNothingButTheirOwnLine)
@@ -470,7 +472,7 @@ TEST(AFullDisk, FailsTheCloseAndKeepsTheInfoFile)
         status = rec.CloseStatus();
         testing::internal::GetCapturedStdout();
     }
-    EXPECT_EQ(status, 1u);  // EFBIG has no row
+    EXPECT_EQ(status, FileSizeLimit::kStatus);
     EXPECT_TRUE(std::filesystem::exists(rec.InfoPath()));
 }
 
@@ -490,7 +492,7 @@ TEST(ADiskThatFillsInTheLastBuffer, FailsTheCloseToo)
             whole = std::filesystem::file_size(rec.Path());
         }
         testing::internal::GetCapturedStdout();
-        EXPECT_EQ(status, limited ? 1u : 0u);
+        EXPECT_EQ(status, limited ? FileSizeLimit::kStatus : 0u);
         EXPECT_EQ(std::filesystem::exists(rec.InfoPath()), limited);
     }
 }
@@ -505,7 +507,7 @@ TEST(ADiskThatFillsInTheLastBuffer, LosesTheLineOfTheInfoFileAlone)
         const FileSizeLimit limit(44 + 177 - 1);  // the head, and a moov without tracks
         status = rec.CloseStatus();
     }
-    EXPECT_EQ(status, 1u);  // EFBIG has no row
+    EXPECT_EQ(status, FileSizeLimit::kStatus);
     std::vector<std::string> lines = WithoutTimes(rec.Log().Lines());
     lines.erase(lines.begin(), lines.begin() + 2);  // of the create
     EXPECT_THAT(lines, ElementsAre("info Muxer - Close - mdat finish",
@@ -526,13 +528,13 @@ TEST(ALocalDiskThatFillsWhileRecording, FailsEveryLaterCallAndKeepsTheInfoFile)
         const FileSizeLimit limit(100);
         for (std::uint64_t n = 0; status == 0 && n < 100; ++n)
             status = rec.Audio(Bytes(3000, 1), n);
-        EXPECT_EQ(status, 1u);  // EFBIG has no row
-        EXPECT_EQ(rec.Audio(Bytes(1, 1), 100), 1u);
-        EXPECT_EQ(rec.SetH264(), 1u);
+        EXPECT_EQ(status, FileSizeLimit::kStatus);
+        EXPECT_EQ(rec.Audio(Bytes(1, 1), 100), FileSizeLimit::kStatus);
+        EXPECT_EQ(rec.SetH264(), FileSizeLimit::kStatus);
         EXPECT_EQ(mp4_get_duration_ms(rec.Handle()), 0u);
     }
     // Nothing would fail any more; the first failure decides.
-    EXPECT_EQ(rec.CloseStatus(), 1u);
+    EXPECT_EQ(rec.CloseStatus(), FileSizeLimit::kStatus);
     EXPECT_TRUE(std::filesystem::exists(rec.InfoPath()));
     EXPECT_EQ(std::filesystem::file_size(rec.Path()), 100u);
     const std::vector<std::string> lines = WithoutTimes(rec.Log().Lines());

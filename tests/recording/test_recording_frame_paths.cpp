@@ -456,7 +456,7 @@ TEST(AFramesPacketThatFails, GivesItsStatusOnce)
         std::uint32_t status = 0;
         while (status == 0 && calls < 800)  // fewer than make the log flush
             status = next();
-        EXPECT_EQ(status, 1u);  // EFBIG has no row
+        EXPECT_EQ(status, FileSizeLimit::kStatus);
         EXPECT_EQ(next(), 0u);
         EXPECT_EQ(Samples(file->Close(), video ? "trak.vide" : "trak.soun").size(), calls);
     }
@@ -468,7 +468,7 @@ TEST(AnAdtsTracksPacketThatFails, EndsTheCallAndIsTriedAgain)
     FileWithFullLog file;
     file->SetAdts();
     file.Fill();
-    EXPECT_EQ(file->Audio(kAdts, 0), 1u);
+    EXPECT_EQ(file->Audio(kAdts, 0), FileSizeLimit::kStatus);
     EXPECT_EQ(file->Audio(kAdts, 21), 0u);
     EXPECT_EQ(file->Log().Count("info ADTS stream, get and set audio track"), 2u);
     const BoxFile media = file->Close();
@@ -494,7 +494,7 @@ TEST(ASetTracksPacketThatFails, GivesItsStatusAndLeavesTheTrackSet)
 {
     FileWithFullLog file;
     file.Fill();
-    EXPECT_EQ(file->SetH264(), 1u);
+    EXPECT_EQ(file->SetH264(), FileSizeLimit::kStatus);
     EXPECT_EQ(file->Video(kTwoUnits, 0), 0u);
     EXPECT_EQ(Samples(file->Close(), "trak.vide").size(), 1u);
 }

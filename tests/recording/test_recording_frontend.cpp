@@ -17,7 +17,7 @@ class Simple {
 public:
     explicit Simple(const std::string& name = "clip.mp4") : path(m_folder / name)
     {
-        file = kv_mp4_open(path.c_str());
+        file = kv_mp4_open(path.string().c_str());
         EXPECT_NE(file, nullptr);
     }
     ~Simple()

@@ -81,8 +81,8 @@ TEST(TheInfoFile, IsThereBeforeTheOutput)
     };
     mp4_handle file = nullptr;
     const LogCapture log;
-    ASSERT_EQ(mp4_create_file_adv_ex((folder / "clip.mp4").c_str(), MP4_OPEN_INFO_FILE, 0, 0,
-                                     MP4_IO_EXTERNAL, &table, &file),
+    ASSERT_EQ(mp4_create_file_adv_ex((folder / "clip.mp4").string().c_str(), MP4_OPEN_INFO_FILE,
+                                     0, 0, MP4_IO_EXTERNAL, &table, &file),
               0u);
     EXPECT_TRUE(g_infoWasThere);
     EXPECT_EQ(mp4_close_file(file), 0u);

@@ -22,7 +22,7 @@ namespace {
 
 std::uint32_t CreateFile(const std::filesystem::path& path, std::uint8_t flags, mp4_handle& file)
 {
-    return mp4_create_file_adv_ex(path.c_str(), flags, 0, 0, MP4_IO_FILE, nullptr, &file);
+    return mp4_create_file_adv_ex(path.string().c_str(), flags, 0, 0, MP4_IO_FILE, nullptr, &file);
 }
 
 // Every export that takes a handle, with arguments that are good for an open file.
@@ -234,8 +234,8 @@ TEST(AnOutputThatTakesNothing, EndsTheCreateAndRemovesTheInfoFile)
     sink.FailWrite(4, ENOSPC);
     mp4_handle file = nullptr;
     const StdoutCapture quiet;
-    EXPECT_EQ(mp4_create_file_adv_ex((folder / "a.mp4").c_str(), MP4_OPEN_INFO_FILE, 0, 0,
-                                     MP4_IO_EXTERNAL, table, &file),
+    EXPECT_EQ(mp4_create_file_adv_ex((folder / "a.mp4").string().c_str(), MP4_OPEN_INFO_FILE, 0,
+                                     0, MP4_IO_EXTERNAL, table, &file),
               16u);
     EXPECT_EQ(sink.Data(), Hex("00000000 'ftyp' 'isom'"));
     EXPECT_EQ(sink.Count("close"), 1u);

@@ -18,7 +18,11 @@ std::string JudgeCheckpoint(const Take& take, const Checkpoint& checkpoint, cons
 std::string JudgeFile(const Take& take, const Counts& counts, const Bytes& file,
                       bool overwritten = false);
 
-// libavformat alone.
+// How a verdict names a sample, and a wrong number of them.
+std::string Where(Track track, std::size_t n);
+std::string WrongCount(Track track, std::size_t is, std::size_t wanted);
+
+// libavformat alone; where a build has none, all is well for it.
 std::string JudgeByLibavformat(const Take& take, const Counts& counts, const Bytes& file,
                                std::uint64_t mediaEnd);
 

@@ -7,10 +7,6 @@
 #include "recovery/proof.h"
 #include "support/recording.h"
 
-extern "C" {
-#include <libavutil/log.h>
-}
-
 #include <spdlog/sinks/null_sink.h>
 #include <spdlog/spdlog.h>
 
@@ -43,7 +39,11 @@ public:
     Quiet() : m_kept(dup(STDOUT_FILENO))
     {
         std::fflush(stdout);
+#if defined(_WIN32)
+        const int nowhere = open("NUL", O_WRONLY);
+#else
         const int nowhere = open("/dev/null", O_WRONLY);
+#endif
         dup2(nowhere, STDOUT_FILENO);
         close(nowhere);
     }
@@ -262,7 +262,6 @@ int main(int argc, char** argv)
         std::fprintf(stderr, "usage: kill_proof [--states N] [--pairs N] [--seed N]\n");
         return 2;
     }
-    av_log_set_level(AV_LOG_QUIET);
     spdlog::set_default_logger(
         std::make_shared<spdlog::logger>("quiet", std::make_shared<spdlog::sinks::null_sink_mt>()));
     return Proof(options).Run() ? 0 : 1;

@@ -25,6 +25,13 @@ public:
     // False in a build whose flushes do not wait.
     static bool IsWaitedFor();
 
+    // Whether the library asks the system early; Windows knows no such question.
+#if defined(_WIN32)
+    static constexpr bool kTakesHints = false;
+#else
+    static constexpr bool kTakesHints = KV_MP4_WRITE_BEHIND != 0;
+#endif
+
     std::vector<Sync> syncs;
     std::size_t hints = 0;     // how often the system was asked to begin
     int error = 0;             // errno of a medium that refuses; 0 takes all

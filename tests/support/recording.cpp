@@ -6,30 +6,8 @@
 
 #include <algorithm>
 #include <mutex>
-#include <stdexcept>
-
-#include <stdlib.h>
 
 namespace kvtest {
-
-// ---- Folder --------------------------------------------------------------------------------
-
-Folder::Folder()
-{
-    std::string name = (std::filesystem::temp_directory_path() / "kvtest.XXXXXX").string();
-    do {  // a name by chance must not choose the kind of the file
-        std::copy_n("XXXXXX", 6, name.end() - 6);
-        if (!mkdtemp(name.data()))
-            throw std::runtime_error("mkdtemp");
-    } while (name.find("mov") != std::string::npos);
-    m_path = name;
-}
-
-Folder::~Folder()
-{
-    std::error_code ignored;
-    std::filesystem::remove_all(m_path, ignored);
-}
 
 // ---- LogCapture ----------------------------------------------------------------------------
 
@@ -151,7 +129,7 @@ Bytes operator+(const Bytes& left, const Bytes& right)
 Recording::Recording(const std::string& name, std::uint8_t flags) : m_name(name)
 {
     // Not the plain create: that one replaces the logger that collects the lines.
-    const std::uint32_t status = mp4_create_file_adv_ex(Path().c_str(), flags, 4096, 32,
+    const std::uint32_t status = mp4_create_file_adv_ex(Utf8(Path()).c_str(), flags, 4096, 32,
                                                         MP4_IO_FILE, nullptr, &m_handle);
     EXPECT_EQ(status, 0u);
 }

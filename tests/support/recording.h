@@ -4,6 +4,7 @@
 
 #include "support/boxes.h"
 #include "support/external_sink.h"
+#include "support/folder.h"
 
 #include <kv_mp4.h>
 
@@ -14,20 +15,6 @@
 #include <vector>
 
 namespace kvtest {
-
-// A folder that goes with its object. Its name never holds "mov".
-class Folder {
-public:
-    Folder();
-    ~Folder();
-    Folder(const Folder&) = delete;
-    Folder& operator=(const Folder&) = delete;
-    std::filesystem::path operator/(const std::string& name) const { return m_path / name; }
-    bool IsEmpty() const { return std::filesystem::is_empty(m_path); }
-
-private:
-    std::filesystem::path m_path;
-};
 
 // Replaces spdlog's default logger by one that keeps "level message" lines.
 class LogCapture {

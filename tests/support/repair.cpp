@@ -123,7 +123,7 @@ Wreck::Wreck(const Bytes& media, const Bytes& log, const std::string& name) : m_
 std::uint32_t Wreck::Repair(std::uint8_t option, int error)
 {
     StdoutCapture printed;
-    const std::string path = Path().string();
+    const std::string path = Utf8(Path());
     errno = error;
     const std::uint32_t status = mp4_repair_file_ex(path.c_str(), option);
     m_printed = printed.Take();

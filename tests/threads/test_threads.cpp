@@ -46,7 +46,8 @@ void Together(std::size_t count, const std::function<void(std::size_t)>& body)
 mp4_handle Open(const fs::path& path, std::uint8_t flags = kProtected)
 {
     mp4_handle file = nullptr;
-    EXPECT_EQ(mp4_create_file_adv_ex(path.c_str(), flags, 0, 0, MP4_IO_FILE, nullptr, &file), 0u);
+    EXPECT_EQ(mp4_create_file_adv_ex(path.string().c_str(), flags, 0, 0, MP4_IO_FILE, nullptr, &file),
+              0u);
     const mp4_safe_param params{0, kDistance, 0, 0};
     EXPECT_EQ(mp4_set_safe_param(file, &params), 0u);
     mp4_video_track_info video{};
@@ -191,13 +192,13 @@ TEST_F(Threads, ThatOpenAndCloseAreRefusedWhereOneWouldBe)
         for (int n = 0; n < 20; ++n) {
             mp4_handle file = nullptr;
             const fs::path none = m_folder / "none" / "clip.mp4";
-            EXPECT_EQ(mp4_create_file_adv_ex(none.c_str(), kProtected, 0, 0, MP4_IO_FILE, nullptr,
-                                             &file), 12u);
-            EXPECT_EQ(mp4_create_file_adv_ex(Path(thread).c_str(), 0, 0, 0, MP4_IO_DIRECT, nullptr,
-                                             &file), 10u);
+            EXPECT_EQ(mp4_create_file_adv_ex(none.string().c_str(), kProtected, 0, 0, MP4_IO_FILE,
+                                             nullptr, &file), 12u);
+            EXPECT_EQ(mp4_create_file_adv_ex(Path(thread).string().c_str(), 0, 0, 0, MP4_IO_DIRECT,
+                                             nullptr, &file), 10u);
             EXPECT_EQ(mp4_close_file(nullptr), 2u);
-            EXPECT_EQ(mp4_create_file_adv_ex(Path(thread).c_str(), 0, 0, 0, MP4_IO_FILE, nullptr,
-                                             &file), 0u);
+            EXPECT_EQ(mp4_create_file_adv_ex(Path(thread).string().c_str(), 0, 0, 0, MP4_IO_FILE,
+                                             nullptr, &file), 0u);
             EXPECT_EQ(mp4_close_file(file), 0u);
         }
     });
@@ -209,12 +210,12 @@ TEST_F(Threads, ThatComeFirstFindALoggerAllTheTime)
     Together(kThreads, [this](std::size_t thread) {
         for (int n = 0; n < 50; ++n) {
             if (thread % 2) {
-                EXPECT_EQ(mp4_repair_file_ex((m_folder / "none.mp4").c_str(), 0), 12u);
+                EXPECT_EQ(mp4_repair_file_ex((m_folder / "none.mp4").string().c_str(), 0), 12u);
                 EXPECT_EQ(mp4_write_time_code(nullptr, 0), 2u);
                 continue;
             }
             mp4_handle file = nullptr;
-            EXPECT_EQ(mp4_create_file_ex(Path(thread).c_str(), 0, &file), 0u);
+            EXPECT_EQ(mp4_create_file_ex(Path(thread).string().c_str(), 0, &file), 0u);
             EXPECT_EQ(mp4_close_file(file), 0u);
         }
     });
@@ -227,7 +228,7 @@ TEST_F(Threads, ThatRepairMakeTheFilesThatOneWouldMake)
     const auto repair = [&](const fs::path& path) {
         WriteBytes(path, media);
         WriteBytes(path.string() + ".info", log.All());
-        EXPECT_EQ(mp4_repair_file_ex(path.c_str(), 1), 0u);
+        EXPECT_EQ(mp4_repair_file_ex(path.string().c_str(), 1), 0u);
     };
     repair(m_folder / "alone.mp4");
     const Bytes alone = BoxFile::Read(m_folder / "alone.mp4").All();
@@ -254,7 +255,7 @@ TEST_F(Threads, OnTheFilesOfAnOpenRecordingComeToTheirEnd)
             if (thread == 0)
                 recorded += Video(file, n) == MP4_OK;
             else
-                mp4_repair_file_ex(Path(0).c_str(), 0);
+                mp4_repair_file_ex(Path(0).string().c_str(), 0);
         }
     });
     EXPECT_EQ(recorded, 50u);

@@ -5,6 +5,7 @@
 #include "atom.h"
 
 #include <gtest/gtest.h>
+#include <spdlog/pattern_formatter.h>
 #include <spdlog/sinks/ostream_sink.h>
 #include <spdlog/spdlog.h>
 
@@ -154,7 +155,9 @@ public:
     {
         auto sink = std::make_shared<spdlog::sinks::ostream_sink_st>(m_stream);
         auto logger = std::make_shared<spdlog::logger>("lines", sink);
-        logger->set_pattern("%l %v");
+        // Every system ends its lines in another way.
+        logger->set_formatter(std::make_unique<spdlog::pattern_formatter>(
+            "%l %v", spdlog::pattern_time_type::local, "\n"));
         spdlog::set_default_logger(logger);
     }
     ~CLogLines() { spdlog::set_default_logger(m_before); }

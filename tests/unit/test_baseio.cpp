@@ -1,4 +1,6 @@
 #include "BaseIO.h"
+#include "support/full_file.h"
+#include "support/folder.h"
 #include "thrown.h"
 
 #include <gmock/gmock.h>
@@ -20,14 +22,6 @@ using testing::HasSubstr;
 
 class InFolder : public testing::Test {
 protected:
-    void SetUp() override
-    {
-        std::string name = (fs::temp_directory_path() / "baseio.XXXXXX").string();
-        ASSERT_NE(mkdtemp(name.data()), nullptr);
-        m_folder = name;
-    }
-    void TearDown() override { fs::remove_all(m_folder); }
-
     std::wstring Path(const std::string& name) const { return (m_folder / name).wstring(); }
     std::string Content(const std::string& name) const
     {
@@ -39,7 +33,7 @@ protected:
         std::ofstream(m_folder / name, std::ios::binary) << content;
     }
 
-    fs::path m_folder;
+    const kvtest::Folder m_folder;
 };
 
 using FileWriter = InFolder;
@@ -142,8 +136,9 @@ TEST_F(FileWriter, AReadOfZeroBytesFails)
 
 TEST(FullDevice, AFailedFlushReportsAWriteError)
 {
+    const kvtest::FullFile full;
     CFileWriter writer;
-    ASSERT_EQ(writer.Init(L"/dev/full", 0, 0), 0u);
+    ASSERT_EQ(writer.Init(full.Path().c_str(), 0, 0), 0u);
     std::string line;
     EXPECT_EQ(CodeOf([&] {
         writer.Write("abc", 3);  // here: the capture of the line flushes every stream of the process
@@ -192,7 +187,7 @@ TEST_F(FileWriter, OpenFailuresGiveTheStatusOfErrnoAndStayClosed)
 {
     CFileWriter writer;
     EXPECT_EQ(writer.Init(Path("none/a").c_str(), 0, 0), 12u);
-    EXPECT_EQ(writer.Init(Path("").c_str(), 0, 0), 1u);  // a folder: EISDIR has no row
+    EXPECT_EQ(writer.Init(Path("").c_str(), 0, 0), kvtest::kFolderStatus);
     EXPECT_EQ(writer.m_state, 0);
 }
 

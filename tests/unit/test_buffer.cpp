@@ -1,4 +1,5 @@
 #include "BaseIO.h"
+#include "support/folder.h"
 #include "thrown.h"
 
 #include <gmock/gmock.h>
@@ -11,8 +12,6 @@
 #include <list>
 #include <string>
 #include <vector>
-
-#include <unistd.h>
 
 namespace {
 
@@ -220,11 +219,10 @@ protected:
         for (std::size_t i = 0; i < size; ++i)
             out.put(static_cast<char>(i * 7));
     }
-    void TearDown() override { std::filesystem::remove(m_path); }
     std::uint32_t Init() { return reader.Init(m_path.wstring().c_str(), 0, 0); }
 
-    std::filesystem::path m_path =
-        std::filesystem::temp_directory_path() / ("reader." + std::to_string(getpid()));
+    const kvtest::Folder m_folder;
+    const std::filesystem::path m_path = m_folder / "file";
     CFastFileReader reader;
     std::uint8_t bytes[256] = {};
 };

@@ -4,6 +4,7 @@
 #include "Mp4Muxer.h"
 #include "Mp4Repair.h"
 #include "boxes.h"
+#include "support/folder.h"
 #include "thrown.h"
 
 #include <gmock/gmock.h>
@@ -45,11 +46,19 @@ bool Strikes(int& counter, int error)
 
 }  // namespace
 
+// The names that the linker knows, which tell the types.
+#if defined(_WIN32)
+#define NEW_RECORD(prefix) prefix##_ZnwyRKSt9nothrow_t
+#define WRITE_ITEM(prefix) prefix##_ZN8platform9WriteItemEP6_iobufPKvy
+#else
+#define NEW_RECORD(prefix) prefix##_ZnwmRKSt9nothrow_t
+#define WRITE_ITEM(prefix) prefix##_ZN8platform9WriteItemEP8_IO_FILEPKvm
+#endif
+
 extern "C" {
 void* __real_realloc(void* data, std::size_t size);
-void* __real__ZnwmRKSt9nothrow_t(std::size_t size, const std::nothrow_t& tag) noexcept;
-std::size_t __real__ZN8platform9WriteItemEP8_IO_FILEPKvm(std::FILE* stream, const void* data,
-                                                         std::size_t size);
+void* NEW_RECORD(__real_)(std::size_t size, const std::nothrow_t& tag) noexcept;
+std::size_t WRITE_ITEM(__real_)(std::FILE* stream, const void* data, std::size_t size);
 
 void* __wrap_realloc(void* data, std::size_t size)
 {
@@ -58,17 +67,14 @@ void* __wrap_realloc(void* data, std::size_t size)
     return Strikes(g_realloc, ENOMEM) ? nullptr : __real_realloc(data, size);
 }
 
-void* __wrap__ZnwmRKSt9nothrow_t(std::size_t size, const std::nothrow_t& tag) noexcept
+void* NEW_RECORD(__wrap_)(std::size_t size, const std::nothrow_t& tag) noexcept
 {
-    return Strikes(g_newRecord, ENOMEM) ? nullptr : __real__ZnwmRKSt9nothrow_t(size, tag);
+    return Strikes(g_newRecord, ENOMEM) ? nullptr : NEW_RECORD(__real_)(size, tag);
 }
 
-std::size_t __wrap__ZN8platform9WriteItemEP8_IO_FILEPKvm(std::FILE* stream, const void* data,
-                                                         std::size_t size)
+std::size_t WRITE_ITEM(__wrap_)(std::FILE* stream, const void* data, std::size_t size)
 {
-    return Strikes(g_writeItem, ENOSPC)
-               ? 0
-               : __real__ZN8platform9WriteItemEP8_IO_FILEPKvm(stream, data, size);
+    return Strikes(g_writeItem, ENOSPC) ? 0 : WRITE_ITEM(__real_)(stream, data, size);
 }
 }
 
@@ -79,15 +85,9 @@ using testing::HasSubstr;
 
 // A folder that goes with its test.
 struct InFolder : testing::Test {
-    InFolder()
-    {
-        std::string name = (std::filesystem::temp_directory_path() / "faults.XXXXXX").string();
-        m_folder = mkdtemp(name.data());
-    }
-    ~InFolder() override { std::filesystem::remove_all(m_folder); }
     std::wstring Path() const { return (m_folder / "clip.mp4").wstring(); }
 
-    std::filesystem::path m_folder;
+    const kvtest::Folder m_folder;
     CLogLines m_log;
     CMp4Muxer m_muxer;
 };
@@ -286,7 +286,7 @@ TEST_F(AFailingDisk, ThatTakesNoHeaderOfTheLogLeavesNoFile)
         status = m_muxer.Create(Path().c_str(), 0, 0, MP4_OPEN_INFO_FILE, MP4_IO_FILE, nullptr);
     }), INT32_MIN);
     EXPECT_EQ(status, 16u);
-    EXPECT_TRUE(std::filesystem::is_empty(m_folder));
+    EXPECT_TRUE(m_folder.IsEmpty());
     EXPECT_THAT(m_log.Text(), HasSubstr("info Muxer - Close - uninit takes "));
 }
 

@@ -1,6 +1,7 @@
 // The boxes outside "moov", and boxes on a real file that was closed or has failed.
 #include "Mp4Muxer.h"
 #include "boxes.h"
+#include "support/folder.h"
 
 #include <filesystem>
 #include <fstream>
@@ -115,12 +116,9 @@ namespace {
 struct OnAFile : testing::Test {
     OnAFile()
     {
-        std::string name = (std::filesystem::temp_directory_path() / "boxes.XXXXXX").string();
-        m_folder = mkdtemp(name.data());
         EXPECT_EQ(file.Init((m_folder / "a").wstring().c_str(), 0, 0), 0u);
         file.Write("abcdefgh", 8);
     }
-    ~OnAFile() override { std::filesystem::remove_all(m_folder); }
     // One of each shape: containers, leaves, entries, fixed sizes and tables.
     void WriteAll()
     {
@@ -140,7 +138,7 @@ struct OnAFile : testing::Test {
         return {std::istreambuf_iterator<char>(in), {}};
     }
 
-    std::filesystem::path m_folder;
+    const kvtest::Folder m_folder;
     CFileWriter file;
 };
 

@@ -81,13 +81,11 @@ void CMp4Atom::Table(const char* code, std::uint32_t entryWidth)
     CFieldWriter sink(*m_io);
     const auto pair = [&sink](std::uint32_t first, const char* text, std::uint32_t second) {
         std::uint8_t bytes[8];
-        for (int i = 0; i < 4; ++i)
-            bytes[i] = static_cast<std::uint8_t>(first >> (24 - 8 * i));
+        StoreBE<4>(bytes, first);
         if (text)
             std::memcpy(bytes + 4, text, 4);
         else
-            for (int i = 0; i < 4; ++i)
-                bytes[4 + i] = static_cast<std::uint8_t>(second >> (24 - 8 * i));
+            StoreBE<4>(bytes + 4, second);
         sink.Bytes(bytes, sizeof bytes);
     };
     pair(size + 16, code, 0);

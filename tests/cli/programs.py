@@ -18,6 +18,16 @@ def ffmpeg(*arguments):
         raise AssertionError(result.stderr)
 
 
+def decoded(path, kind):
+    """The hashes of all decoded frames of a kind, v or a."""
+    result = run("ffmpeg", "-v", "error", "-i", path, "-map", f"0:{kind}", "-vsync", "0", "-f",
+                 "framehash", "-")
+    if result.returncode or result.stderr:
+        raise AssertionError(result.stderr)
+    return [line.rsplit(",", 1)[1].strip() for line in result.stdout.splitlines()
+            if not line.startswith("#")]
+
+
 class InFolder(unittest.TestCase):
     """Tests with a folder of their own, in memory where that is possible. No "mov" in its name:
     the library looks for it in the whole path."""

@@ -12,7 +12,7 @@ import sys
 import time
 import unittest
 
-from programs import InFolder, ffmpeg, run
+from programs import InFolder, decoded, ffmpeg, run
 
 KVMP4 = os.path.abspath(sys.argv.pop(1))
 CHECK_FILE = os.path.abspath(sys.argv.pop(1))
@@ -26,16 +26,6 @@ VIDEO = {
 }
 FLAGS = {0: [], 1: ["--version1"], 2: ["--large-file"], 3: ["--version1", "--large-file"],
          0x20: ["--fast-header"], 0x23: ["--version1", "--large-file", "--fast-header"]}
-
-
-def decoded(path, kind):
-    """The hashes of all decoded frames of a kind, v or a."""
-    result = run("ffmpeg", "-v", "error", "-i", path, "-map", f"0:{kind}", "-vsync", "0", "-f",
-                 "framehash", "-")
-    if result.returncode or result.stderr:
-        raise AssertionError(result.stderr)
-    return [line.rsplit(",", 1)[1].strip() for line in result.stdout.splitlines()
-            if not line.startswith("#")]
 
 
 def packets(path, kind):

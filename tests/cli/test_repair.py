@@ -12,19 +12,9 @@ import struct
 import sys
 import unittest
 
-from programs import InFolder, ffmpeg, run
+from programs import InFolder, decoded, ffmpeg, run
 
 KVMP4 = os.path.abspath(sys.argv.pop(1))
-
-
-def decoded(path):
-    """The hashes of all decoded pictures."""
-    result = run("ffmpeg", "-v", "error", "-i", path, "-map", "0:v", "-vsync", "0", "-f",
-                 "framehash", "-")
-    if result.returncode or result.stderr:
-        raise AssertionError(result.stderr)
-    return [line.rsplit(",", 1)[1].strip() for line in result.stdout.splitlines()
-            if not line.startswith("#")]
 
 
 def content(path):
@@ -54,7 +44,7 @@ class Repair(Folder):
         cls.whole = content(cls.clip)
         cls.mdat = cls.whole.index(b"mdat") - 4
         cls.moov = cls.whole.rindex(b"moov") - 4
-        cls.pictures = decoded(cls.clip)
+        cls.pictures = decoded(cls.clip, "v")
         packets = json.loads(run("ffprobe", "-v", "error", "-show_packets", "-of", "json",
                                  cls.clip).stdout)["packets"]
         # tag, time, key flag and size of each sample, as they lie.
@@ -116,7 +106,7 @@ class Repair(Folder):
     def test_all_samples_but_the_last_are_saved(self):
         path = self.killed()
         result = self.repair(path)
-        self.assertEqual(decoded(path), self.pictures_before(59))
+        self.assertEqual(decoded(path, "v"), self.pictures_before(59))
         self.assertEqual(result.stderr, "")
         self.assertIn("The file does not play as it lies.", result.stdout)
         self.assertIn("Repaired:", result.stdout)
@@ -145,7 +135,7 @@ class Repair(Folder):
         self.repair("--backup", "--delete-log", path)
         self.assertEqual((content(path + ".bak"), content(path + ".bak.info")), before)
         self.assertFalse(os.path.exists(path + ".info"))
-        self.assertEqual(decoded(path), self.pictures_before(59))
+        self.assertEqual(decoded(path, "v"), self.pictures_before(59))
 
     def test_the_findings_come_first(self):
         path = self.killed()
@@ -187,7 +177,7 @@ class Repair(Folder):
         path = self.killed(log=log)
         self.repair("--dry-run", path, code=11)
         report = json.loads(self.repair("--json", path, code=11).stdout)
-        self.assertEqual(decoded(path), self.pictures_before(30))
+        self.assertEqual(decoded(path, "v"), self.pictures_before(30))
         self.assertEqual(report["found"]["log"]["damage"]["byte"],
                          len(self.header + self.video + self.audio + self.log_of(30)))
         self.assertTrue(os.path.exists(path + ".info"))
@@ -208,7 +198,7 @@ class Repair(Folder):
         log = (struct.pack(">BI", 0x1a, self.mdat) + self.video + self.audio + self.log_of(60))
         path = self.killed(log=log, media=start + self.whole[self.mdat + 8:self.moov])
         self.repair(path)
-        self.assertEqual(decoded(path), self.pictures_before(59))
+        self.assertEqual(decoded(path, "v"), self.pictures_before(59))
 
     # ---- Refusals
 
@@ -251,15 +241,15 @@ class Repair(Folder):
         path = self.killed(log=log, media=self.whole)
         self.refused(path, f"plays as it lies with {len(self.samples)} samples, and a repair would "
                            "leave 59")
-        self.assertEqual(decoded(path), self.pictures)
+        self.assertEqual(decoded(path, "v"), self.pictures)
         self.repair("--force", path)
-        self.assertEqual(decoded(path), self.pictures_before(59))
+        self.assertEqual(decoded(path, "v"), self.pictures_before(59))
 
     def test_a_file_that_plays_with_as_much_is_repaired(self):
         log = self.header + self.video + self.audio + self.log_of(len(self.samples)) + b"\x05"
         path = self.killed(log=log, media=self.whole)
         self.repair(path)
-        self.assertEqual(decoded(path), self.pictures)
+        self.assertEqual(decoded(path, "v"), self.pictures)
 
     def test_an_index_of_samples_beyond_the_end_counts_for_nothing(self):
         # The same file, whose index claims that its data lies one gigabyte further on.
@@ -331,7 +321,7 @@ class Repair(Folder):
             resource.RLIMIT_FSIZE, (size, size)))
         self.assertEqual(len(result.stderr.splitlines()), 1)
         self.repair(path)  # with room again
-        self.assertEqual(decoded(path), self.pictures_before(59))
+        self.assertEqual(decoded(path, "v"), self.pictures_before(59))
 
     def test_usage(self):
         self.repair(code=2)
@@ -363,7 +353,7 @@ class RecordSafely(Folder):
                         ["--profile", "low-loss"]):
             path, _ = self.record("-y", *options)
             self.assertFalse(os.path.exists(path + ".info"))
-            self.assertEqual(decoded(path), decoded(self.clip))
+            self.assertEqual(decoded(path, "v"), decoded(self.clip, "v"))
 
     def test_the_least_distance_places_the_index(self):
         path, _ = self.record("-y", "--safe", "--safe-min", "1MiB")
@@ -378,7 +368,7 @@ class RecordSafely(Folder):
             distances[strategy] = [int(line.rsplit(" ", 1)[1])
                                    for line in result.stderr.splitlines()
                                    if "update moov header to" in line]
-            self.assertEqual(decoded(path), decoded(self.clip))
+            self.assertEqual(decoded(path, "v"), decoded(self.clip, "v"))
         self.assertEqual(len(set(map(tuple, distances.values()))), 3, distances)
 
     def test_low_loss_makes_a_checkpoint_in_each_second(self):
@@ -390,11 +380,11 @@ class RecordSafely(Folder):
         checkpoints = result.stderr.count("update moov header to")
         self.assertGreaterEqual(checkpoints, 8)
         self.assertLessEqual(checkpoints, 30)
-        self.assertEqual(decoded(path), decoded(clip))
+        self.assertEqual(decoded(path, "v"), decoded(clip, "v"))
 
     def test_low_loss_of_a_recording_shorter_than_its_first_second(self):
         path, _ = self.record("-y", "--profile", "low-loss", "--duration", "0.5")
-        self.assertEqual(len(decoded(path)), 13)
+        self.assertEqual(len(decoded(path, "v")), 13)
         self.assertLess(os.path.getsize(path), 3 * os.path.getsize(self.clip))
 
     def test_options_that_do_not_go_together(self):

@@ -10,11 +10,13 @@ import re
 import signal
 import subprocess
 import sys
-import tempfile
 import unittest
 
+sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "cli"))
+from programs import InFolder, decoded, run  # noqa: E402: found through the line above
+
 PLUGINS, KVMP4, CHECK_FILE = (os.path.abspath(sys.argv.pop(1)) for _ in range(3))
-ENVIRONMENT = {**os.environ, "GST_PLUGIN_PATH": PLUGINS}
+os.environ["GST_PLUGIN_PATH"] = PLUGINS
 
 PICTURES = "videotestsrc num-buffers=50 ! video/x-raw,width=160,height=120,framerate=25/1"
 SOUND = ("audiotestsrc num-buffers=90 samplesperbuffer=1024 ! audio/x-raw,rate=48000,channels=2 "
@@ -27,25 +29,10 @@ CODECS = {
 }
 
 
-def run(*command, **options):
-    return subprocess.run(command, capture_output=True, text=True, stdin=subprocess.DEVNULL,
-                          timeout=120, env=ENVIRONMENT, **options)
-
-
 def launch(pipeline):
     result = run("gst-launch-1.0", "-q", *pipeline.split())
     if result.returncode or "ERROR" in result.stderr:
         raise AssertionError(result.stderr)
-
-
-def decoded(path, kind):
-    """The hashes of all decoded frames of a kind, v or a."""
-    result = run("ffmpeg", "-v", "error", "-i", path, "-map", f"0:{kind}", "-vsync", "0", "-f",
-                 "framehash", "-")
-    if result.returncode or result.stderr:
-        raise AssertionError(result.stderr)
-    return [line.rsplit(",", 1)[1].strip() for line in result.stdout.splitlines()
-            if not line.startswith("#")]
 
 
 def streams(path):
@@ -60,22 +47,13 @@ def pictures(path):
     return sum(int(s["nb_read_packets"]) for s in streams(path) if s["codec_type"] == "video")
 
 
-class Scratch(unittest.TestCase):
-    def setUp(self):
-        memory = "/dev/shm" if os.path.isdir("/dev/shm") else None  # nothing to wait for
-        scratch = tempfile.TemporaryDirectory(prefix="kvmp4gst.", dir=memory)
-        self.addCleanup(scratch.cleanup)
-        self.folder = scratch.name
-
-    def path(self, name):
-        return os.path.join(self.folder, name)
-
+class Recordings(InFolder):
     def assert_sound(self, path, *flags):
         result = run(CHECK_FILE, *flags, path)
         self.assertEqual(result.returncode, 0, result.stdout)
 
 
-class Pipelines(Scratch):
+class Pipelines(Recordings):
     def test_a_recording_decodes_to_what_was_encoded(self):
         for codec, (encoder, for_qtmux) in CODECS.items():
             for name, options in (("plain.mp4", ""), ("plain.mov", ""),
@@ -150,7 +128,7 @@ class Pipelines(Scratch):
             self.assertRegex(result.stderr, says)
 
 
-class Killed(Scratch):
+class Killed(Recordings):
     """The stream comes through a pipe that stays open; the kill comes when a message says how far
     the recording is."""
 
@@ -166,7 +144,7 @@ class Killed(Scratch):
         is true of; gives what it is."""
         process = subprocess.Popen(["gst-launch-1.0", "-m", "-v", *pipeline.split()],
                                    stdin=subprocess.PIPE, stdout=subprocess.PIPE,
-                                   stderr=subprocess.STDOUT, env=ENVIRONMENT)
+                                   stderr=subprocess.STDOUT)
         lines = []
         try:
             with open(source, "rb") as file:

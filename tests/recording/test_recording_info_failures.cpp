@@ -65,18 +65,27 @@ TEST(AnOutputThatCannotBeOpened, TakesTheInfoFileAlong)
 }
 
 // The stream takes the five bytes; it is their flush that the full device refuses.
-TEST(AHeaderThatCannotBeFlushed, FailsTheCreateBehindTheOutput)
-{
+class AHeaderThatCannotBeFlushed : public testing::Test {
+protected:
+    void SetUp() override
+    {
+#if !defined(_WIN32)
+        if (!fs::exists("/dev/full"))
+            GTEST_SKIP() << "this system has no /dev/full";
+        fs::create_symlink("/dev/full", folder / "clip.mp4.info");
+#endif
+    }
+
     Folder folder;
     const LogCapture log;
     const StdoutCapture quiet;
 #if defined(_WIN32)
-    const FileSizeLimit full(0, L"clip.mp4.info");
-#else
-    if (!fs::exists("/dev/full"))
-        GTEST_SKIP() << "this system has no /dev/full";
-    fs::create_symlink("/dev/full", folder / "clip.mp4.info");
+    const FileSizeLimit full{0, L"clip.mp4.info"};
 #endif
+};
+
+TEST_F(AHeaderThatCannotBeFlushed, FailsTheCreateBehindTheOutput)
+{
     mp4_handle file = nullptr;
     EXPECT_EQ(Create(folder / "clip.mp4", file), 16u);
     EXPECT_FALSE(fs::is_symlink(folder / "clip.mp4.info"));
@@ -85,18 +94,8 @@ TEST(AHeaderThatCannotBeFlushed, FailsTheCreateBehindTheOutput)
 }
 
 // The flush of the log fails, and in the close that follows the output does.
-TEST(AHeaderThatCannotBeFlushed, StaysWhenTheOutputFailsToo)
+TEST_F(AHeaderThatCannotBeFlushed, StaysWhenTheOutputFailsToo)
 {
-    Folder folder;
-    const LogCapture log;
-    const StdoutCapture quiet;
-#if defined(_WIN32)
-    const FileSizeLimit full(0, L"clip.mp4.info");
-#else
-    if (!fs::exists("/dev/full"))
-        GTEST_SKIP() << "this system has no /dev/full";
-    fs::create_symlink("/dev/full", folder / "clip.mp4.info");
-#endif
     ExternalSink sink;
     ExternalIoFuncs* const table = sink.Table();
     sink.FailWrite(8 + 2 + 2 + 1, EACCES);  // behind "ftyp", "free" and "mdat"

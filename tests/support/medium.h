@@ -23,7 +23,7 @@ public:
     Medium& operator=(const Medium&) = delete;
 
     // False in a build whose flushes do not wait.
-    static bool IsWaitedFor();
+    static bool IsWaitedFor() { return KV_MP4_DURABLE != 0; }
 
     // Whether the library asks the system early; Windows knows no such question.
 #if defined(_WIN32)
@@ -38,7 +38,13 @@ public:
     std::string refusedFile;   // the one that it refuses; empty for all
 
     // The names of the files, in the order of the waits.
-    std::vector<std::string> Order() const;
+    std::vector<std::string> Order() const
+    {
+        std::vector<std::string> names;
+        for (const Sync& sync : syncs)
+            names.push_back(sync.file);
+        return names;
+    }
 };
 
 }  // namespace kvtest

@@ -42,17 +42,4 @@ Medium::~Medium()
     g_medium = nullptr;
 }
 
-bool Medium::IsWaitedFor()
-{
-    return KV_MP4_DURABLE != 0;
-}
-
-std::vector<std::string> Medium::Order() const
-{
-    std::vector<std::string> names;
-    for (const Sync& sync : syncs)
-        names.push_back(sync.file);
-    return names;
-}
-
 }  // namespace kvtest

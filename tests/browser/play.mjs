@@ -129,8 +129,9 @@ try {
     console.log(JSON.stringify(results, null, 4));
     for (const {file, error, summary} of results)
         console.error(`   ${file}: ${error ?? summary}`);
-    const whole = ({error, presented, dropped, sound}) =>
-        !error && presented === Number(values.frames) && dropped === 0 && sound > 0;
+    const expected = Number(values.frames);
+    const whole = ({error, decoded, presented, dropped, sound}) =>
+        !error && decoded === expected && presented === expected && dropped === 0 && sound > 0;
     process.exitCode = results.length > 0 && results.every(whole) ? 0 : 1;
 } finally {
     await browser.close();

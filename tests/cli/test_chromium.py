@@ -71,6 +71,6 @@ class Chromium(InFolder):
 if __name__ == "__main__":
     KVMP4 = os.path.abspath(sys.argv.pop(1))
     if not BROWSER or not os.path.isdir(os.path.join(PLAYER, "node_modules", "playwright-core")):
-        print("skipped: scripts/setup browser has not run")
+        print("skipped: scripts/setup demo has not run")
         sys.exit(SKIPPED)
     unittest.main(verbosity=2)

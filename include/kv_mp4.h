@@ -237,7 +237,8 @@ typedef struct mp4_time_code_track_info {
 /** Parameters of the safe mode, all in bytes but the first. The next checkpoint comes after
  * `min_interval` bytes (fixed); after a distance that grows from `min_interval` to `max_interval`
  * as the file grows to `threshold` (linear); after `min_interval` below the threshold and
- * `max_interval` from there (stepped). */
+ * `max_interval` from there (stepped). A distance is met but for a few bytes, and a checkpoint is
+ * made up to two frames ahead of its place. */
 typedef struct mp4_safe_param {
     uint32_t strategy;     /**< 0 fixed, 1 linear (default), 2 stepped */
     uint32_t min_interval; /**< first checkpoint, smallest distance; default 0xA00000, 10 MiB */
@@ -370,8 +371,8 @@ KV_MP4_API uint32_t mp4_set_time_code_track(mp4_handle handle,
  *   item's four code bytes), whose last value counts; or a text that begins with "com.", which is
  *   added as a key of its own at each call
  * @param value UTF-8 text, copied; null removes an item that is no "com." key
- * @return MP4_OK; MP4_ERR_INVALID_PARAM for any other key, a null key, or a null "com." value;
- *   MP4_ERR_NOT_OPEN; an earlier write failure; a failing info file */
+ * @return MP4_OK; MP4_ERR_INVALID_PARAM for any other key, a null key, or a null "com." value,
+ *   whose key stays in the file all the same; MP4_ERR_NOT_OPEN; an earlier write failure; a failing info file */
 KV_MP4_API uint32_t mp4_set_metadata(mp4_handle handle, const char *key, const char *value);
 
 /** mp4_set_metadata() with a type and a namespace for "com." keys.
@@ -530,7 +531,8 @@ KV_MP4_API uint32_t mp4_repair_set_flush_interval(mp4_handle handle, uint32_t in
  * reached both files. With a time-code track the last 4 bytes of the data per time code are lost.
  *
  * A log that names no video and no audio track leaves nothing: the media file is cut to 0 bytes,
- * with status 0. So does a log of 5 bytes or fewer, or a media file that ends before its data.
+ * with status 0. So does a log of 5 bytes or fewer, or a media file that ends within the first 8 bytes
+ * of `mdat`.
  * Look at both files first, or work on a copy, where that must not be.
  *
  * For a damaged log (MP4_ERR_FAILED, as a rule) the index of what came before the damage is

@@ -54,14 +54,14 @@ Sudden ends: with --safe the file holds an index of what came before the last ch
 up to there however the recording ended. Checkpoints lie some distance apart, in bytes: at R bits a
 second a distance of D bytes is 8 D / R seconds that may be lost, 17 s for the 10 MiB that are the
 least by default at 5 Mb/s. --safe-min is the first and the smallest distance, --safe-max the largest,
-reached at --safe-threshold; keep both above the size of the index and of four frames. --info keeps a
+reached at --safe-threshold; keep both above the size of the index and of two frames. --info keeps a
 log beside the file, OUTPUT.info, from which "kvmp4 repair" saves all that reached it; it is flushed
 every --info-flush video frames, and is gone after a proper end.
 
 --profile low-loss is --safe and --info with a checkpoint each second, whatever the bit rate, and
 with a log that is at most a second old. A killed recording loses less than 2 s after a repair. As it
 lies it does so too, unless the bit rate has just fallen steeply, or 2 s take less space than the
-index, which grows by about 1 KB a second: checkpoints keep that distance at least. Files of --safe
+index, which grows by up to 1 KB a second: checkpoints keep that distance at least. Files of --safe
 must stay below 4 GiB to play without a repair.
 
 Metadata keys: title, artist, album_artist, composer, album, date, encoding_tool, comment, genre,

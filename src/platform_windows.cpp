@@ -114,9 +114,13 @@ std::size_t ReadBytes(std::FILE* stream, void* data, std::size_t size)
 bool SyncData([[maybe_unused]] std::FILE* stream)
 {
 #if KV_MP4_DURABLE
-    // A pipe or a console has no medium: EINVAL or, from a handle that cannot be flushed, EBADF.
-    if (::_commit(::_fileno(stream)) != 0)
-        return errno == EINVAL || errno == EBADF;
+    // Not _commit: it tells of every failure as it tells of a pipe or a console, which have no medium.
+    const auto file = reinterpret_cast<HANDLE>(::_get_osfhandle(::_fileno(stream)));
+    if (!::FlushFileBuffers(file)) {
+        const DWORD error = ::GetLastError();
+        errno = error == ERROR_DISK_FULL || error == ERROR_HANDLE_DISK_FULL ? ENOSPC : EIO;
+        return error == ERROR_INVALID_HANDLE || error == ERROR_INVALID_FUNCTION;
+    }
 #endif
     return true;
 }

@@ -48,12 +48,12 @@ FileSizeLimit::FileSizeLimit(std::uint64_t bytes, const wchar_t* name)
 {
     g_name = name;
     g_limit = static_cast<std::int64_t>(bytes);
-    m_before = ReplaceImport("WriteFile", reinterpret_cast<void*>(&WriteWithin));
+    m_before = ReplaceImport("msvcrt.dll", "WriteFile", reinterpret_cast<void*>(&WriteWithin));
 }
 
 FileSizeLimit::~FileSizeLimit()
 {
-    ReplaceImport("WriteFile", m_before);
+    ReplaceImport("msvcrt.dll", "WriteFile", m_before);
 }
 
 }  // namespace kvtest

@@ -40,12 +40,12 @@ void** Find(HMODULE module, const char* name)
 
 }  // namespace
 
-void* ReplaceImport(const char* name, void* function)
+void* ReplaceImport(const char* module, const char* name, void* function)
 {
-    void** place = Find(GetModuleHandleA("msvcrt.dll"), name);
+    void** place = Find(GetModuleHandleA(module), name);
     DWORD before = 0;
     if (!place || !VirtualProtect(place, sizeof(*place), PAGE_READWRITE, &before))
-        throw std::runtime_error(std::string("the runtime does not import ") + name);
+        throw std::runtime_error(std::string("nobody imports ") + name);
     void* const was = *place;
     *place = function;
     VirtualProtect(place, sizeof(*place), before, &before);

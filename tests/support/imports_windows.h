@@ -1,10 +1,11 @@
-// Calls of the C runtime at the system, in this program and in every DLL that it loads: the runtime
-// is a DLL itself, and its table of imports can be changed while it runs.
+// Calls at the system, of this program or of the C runtime, which is a DLL: tables of imports can be
+// changed while a program runs.
 #pragma once
 
 namespace kvtest {
 
-// Puts `function` in the place of the runtime's import of that name; the one that stood there.
-void* ReplaceImport(const char* name, void* function);
+// Puts `function` in the place of a loaded module's import of that name, of this program's for a null
+// module; returns the one that stood there.
+void* ReplaceImport(const char* module, const char* name, void* function);
 
 }  // namespace kvtest

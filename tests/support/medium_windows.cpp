@@ -23,7 +23,6 @@ BOOL WINAPI Note(HANDLE file)
     const bool refused = g_medium->refusedFile.empty() || g_medium->refusedFile == name;
     if (g_medium->error == 0 || !refused)
         return TRUE;
-    // What the runtime makes these numbers of.
     SetLastError(g_medium->error == ENOSPC ? ERROR_DISK_FULL : ERROR_GEN_FAILURE);
     return FALSE;
 }
@@ -33,12 +32,12 @@ BOOL WINAPI Note(HANDLE file)
 Medium::Medium()
 {
     g_medium = this;
-    g_flush = ReplaceImport("FlushFileBuffers", reinterpret_cast<void*>(&Note));
+    g_flush = ReplaceImport(nullptr, "FlushFileBuffers", reinterpret_cast<void*>(&Note));
 }
 
 Medium::~Medium()
 {
-    ReplaceImport("FlushFileBuffers", g_flush);
+    ReplaceImport(nullptr, "FlushFileBuffers", g_flush);
     g_medium = nullptr;
 }
 

@@ -1,6 +1,7 @@
 // Tags, time codes and failures: what is told about a recording rather than recorded.
 #include "formats.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -67,8 +68,16 @@ std::vector<std::pair<std::string, std::string>> Metadata(const GstTagList* tags
         if (!gst_tag_list_peek_string_index(tags, GST_TAG_EXTENDED_COMMENT, i, &text))
             continue;
         const char* const equals = std::strchr(text, '=');
-        if (equals && std::strncmp(text, "com.", 4) == 0)
-            found.emplace_back(std::string(text, equals), equals + 1);
+        if (!equals || std::strncmp(text, "com.", 4) != 0)
+            continue;
+        // The library adds such a key at each call; the last value counts, as with the others.
+        const std::string key(text, equals);
+        const auto known = std::find_if(found.begin(), found.end(),
+                                        [&](const auto& item) { return item.first == key; });
+        if (known != found.end())
+            known->second = equals + 1;
+        else
+            found.emplace_back(key, equals + 1);
     }
     return found;
 }

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <memory>
 #include <mutex>
 #include <optional>
 #include <vector>
@@ -24,17 +25,24 @@ struct Stream {
     bool waited = false;
 };
 
+struct FreeTags {
+    void operator()(GstTagList* tags) const { gst_tag_list_unref(tags); }
+};
+using TagList = std::unique_ptr<GstTagList, FreeTags>;
+
 // The C++ half of the object.
 struct State {
     GstElement* element = nullptr;
     Recorder* recorder = nullptr;
     std::array<Stream, kKinds> streams;
+    TagList tags;         // of the streams, in this recording
     bool begun = false;
+    bool failed = false;  // and told
     std::mutex mutex;  // guards what follows
     std::optional<mp4_safe_param> safe;
 };
 
-// The earliest frame of all pads.
+// The earliest frame of all pads, and a reference to its pad, which may be released meanwhile.
 struct Head {
     GstAggregatorPad* pad = nullptr;
     GstBuffer* buffer = nullptr;
@@ -102,6 +110,12 @@ std::int64_t TimeOf(Stream& stream, GstAggregatorPad* pad, GstBuffer* buffer)
     return shown.value_or(stream.last + stream.span);
 }
 
+void Drop(Head& head)
+{
+    gst_clear_buffer(&head.buffer);
+    gst_clear_object(&head.pad);
+}
+
 Head FindHead(GstAggregator* aggregator, bool* allEnded = nullptr)
 {
     struct Search {
@@ -122,7 +136,8 @@ Head FindHead(GstAggregator* aggregator, bool* allEnded = nullptr)
             const std::int64_t time =
                 TimeOf(found.state.streams[static_cast<std::size_t>(kind)], input, buffer);
             if (!found.head.pad || time < found.head.time) {
-                gst_clear_buffer(&found.head.buffer);
+                Drop(found.head);
+                gst_object_ref(input);
                 found.head = {input, buffer, kind, time};
             } else {
                 gst_buffer_unref(buffer);
@@ -192,6 +207,20 @@ void Record(GstAggregator* aggregator, const Head& head)
         PostCheckpoint(state.element, *checkpoint);
 }
 
+void Fail(State& state, const Failure& failure)
+{
+    state.failed = true;
+    PostError(state.element, failure);
+}
+
+// Those of the application and those of the streams, by the rule that the application has set.
+TagList AllTags(const State& state)
+{
+    GstTagSetter* const setter = GST_TAG_SETTER(state.element);
+    return TagList(gst_tag_list_merge(gst_tag_setter_get_tag_list(setter), state.tags.get(),
+                                      gst_tag_setter_get_tag_merge_mode(setter)));
+}
+
 GstFlowReturn Aggregate(GstAggregator* aggregator, gboolean)
 {
     State& state = StateOf(aggregator);
@@ -201,8 +230,10 @@ GstFlowReturn Aggregate(GstAggregator* aggregator, gboolean)
         gst_caps_unref(caps);
         state.begun = true;
     }
+    if (state.failed)
+        return GST_FLOW_ERROR;
     bool ended = false;
-    const Head head = FindHead(aggregator, &ended);
+    Head head = FindHead(aggregator, &ended);
     if (!head.pad && !ended)
         return GST_AGGREGATOR_FLOW_NEED_DATA;
     if (!head.pad)
@@ -215,12 +246,12 @@ GstFlowReturn Aggregate(GstAggregator* aggregator, gboolean)
         try {
             Record(aggregator, head);
         } catch (const Failure& failure) {
-            PostError(state.element, failure);
+            Fail(state, failure);
             result = GST_FLOW_ERROR;
         }
     }
     gst_aggregator_pad_drop_buffer(head.pad);
-    gst_buffer_unref(head.buffer);
+    Drop(head);
     if (result != GST_FLOW_OK)
         return result;
     GstBuffer* const progress = gst_buffer_new();
@@ -234,7 +265,7 @@ GstClockTime NextTime(GstAggregator* aggregator)
     Head head = FindHead(aggregator);
     if (!head.pad)
         return GST_CLOCK_TIME_NONE;
-    gst_clear_buffer(&head.buffer);
+    Drop(head);
     return static_cast<GstClockTime>(std::max<std::int64_t>(0, head.time));
 }
 
@@ -255,12 +286,11 @@ gboolean SinkEvent(GstAggregator* aggregator, GstAggregatorPad* pad, GstEvent* e
         } else if (GST_EVENT_TYPE(event) == GST_EVENT_TAG) {
             GstTagList* tags = nullptr;
             gst_event_parse_tag(event, &tags);
-            GstTagSetter* const setter = GST_TAG_SETTER(state.element);
-            gst_tag_setter_merge_tags(setter, tags, gst_tag_setter_get_tag_merge_mode(setter));
-            state.recorder->SetTags(gst_tag_setter_get_tag_list(setter));
+            state.tags.reset(gst_tag_list_merge(state.tags.get(), tags, GST_TAG_MERGE_REPLACE));
+            state.recorder->SetTags(AllTags(state).get());
         }
     } catch (const Failure& failure) {
-        PostError(state.element, failure);
+        Fail(state, failure);
         gst_event_unref(event);
         return FALSE;
     }
@@ -280,7 +310,8 @@ gboolean Start(GstAggregator* aggregator)
 {
     State& state = StateOf(aggregator);
     state.streams = {};
-    state.begun = false;
+    state.tags.reset();
+    state.begun = state.failed = false;
     return TRUE;
 }
 
@@ -363,7 +394,7 @@ bool FinishRecording(GstElement* interleave)
         return true;
     };
     const bool tagged = succeeds([&] {
-        state.recorder->SetTags(gst_tag_setter_get_tag_list(GST_TAG_SETTER(state.element)));
+        state.recorder->SetTags(AllTags(state).get());
     });
     return succeeds([&] { state.recorder->Close(); }) && tagged;
 }

@@ -38,9 +38,13 @@ protected:
 
 }  // namespace
 
-void ForwardLibraryLog()
+void DefineLogCategory()
 {
     GST_DEBUG_CATEGORY_INIT(g_category, "kv_mp4", 0, "libkv_mp4");
+}
+
+void ForwardLibraryLog()
+{
     const std::shared_ptr<spdlog::logger> logger = spdlog::default_logger();
     if (logger && logger->name().empty())  // spdlog's own
         spdlog::set_default_logger(

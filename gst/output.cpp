@@ -26,11 +26,11 @@ std::uint32_t Output::Create(const wchar_t* widePath, std::uint8_t flags, mp4_ha
 {
     // The library keeps the address of the table.
     static ExternalIoFuncs functions{Open, Close, Tell, Seek, Flush, Read, Write};
-    t_creating = this;
-    const std::uint32_t status =
-        mp4_create_file_adv(widePath, flags, 4096, 32, MP4_IO_EXTERNAL, &functions, handle);
-    t_creating = nullptr;
-    return status;
+    struct Creating {
+        explicit Creating(Output* output) { t_creating = output; }
+        ~Creating() { t_creating = nullptr; }
+    } const creating(this);
+    return mp4_create_file_adv(widePath, flags, 4096, 32, MP4_IO_EXTERNAL, &functions, handle);
 }
 
 Output& Output::Of(void* context)
@@ -50,7 +50,9 @@ std::uint8_t Output::Open(void** context, const wchar_t*, std::uint32_t, std::ui
 
 void Output::Close(void* context)
 {
-    close(std::exchange(Of(context).m_file, -1));
+    Output& self = Of(context);
+    if (close(std::exchange(self.m_file, -1)) != 0)
+        self.m_closeError = errno;
 }
 
 std::int64_t Output::Tell(void* context)

@@ -21,6 +21,8 @@ public:
     std::uint32_t Create(const wchar_t* widePath, std::uint8_t flags, mp4_handle* handle);
     // What made the open fail, as errno; 0 if it did not.
     int OpenError() const { return m_openError; }
+    // The same of the close, where some file systems tell of what they took before.
+    int CloseError() const { return m_closeError; }
 
 private:
     static Output& Of(void* context);
@@ -36,6 +38,7 @@ private:
     const std::string m_path;
     int m_file = -1;
     int m_openError = 0;
+    int m_closeError = 0;
 };
 
 }  // namespace kvmp4sink

@@ -7,7 +7,7 @@ namespace {
 
 gboolean Init(GstPlugin* plugin)
 {
-    kvmp4sink::ForwardLibraryLog();
+    kvmp4sink::DefineLogCategory();
     return gst_element_register(plugin, "kvmp4sink", GST_RANK_NONE, kvmp4sink::SinkType());
 }
 

@@ -180,13 +180,17 @@ void Recorder::Close()
         trouble = failure;
     }
     const std::uint32_t status = mp4_close_file(std::exchange(m_file, nullptr));
+    const int closing = m_output ? m_output->CloseError() : 0;
     m_output.reset();
     if (m_reader >= 0)
         close(std::exchange(m_reader, -1));
     if (trouble)
         throw *trouble;
-    if (!failed)  // which has been told
-        Check(status, "Finishing");
+    if (failed)
+        return;  // which has been told
+    Check(status, "Finishing");
+    if (closing != 0)
+        throw FailureOfErrno(closing, "Finishing \"" + m_settings.location + "\" failed");
 }
 
 }  // namespace kvmp4sink

@@ -4,6 +4,7 @@
 #include "sink.h"
 
 #include "interleave.h"
+#include "log.h"
 
 #include <mutex>
 
@@ -76,6 +77,10 @@ GType StrategyType()
 void SetProperty(GObject* object, guint id, const GValue* value, GParamSpec* spec)
 {
     SinkState& state = StateOf(object);
+    if ((spec->flags & GST_PARAM_MUTABLE_READY) != 0 && GST_STATE(object) > GST_STATE_READY) {
+        GST_WARNING_OBJECT(object, "%s is settled while a recording runs", spec->name);
+        return;
+    }
     const std::lock_guard guard(state.mutex);
     Settings& settings = state.settings;
     switch (id) {
@@ -138,11 +143,14 @@ bool BeginRecording(GstElement* element)
         const std::lock_guard guard(state.mutex);
         settings = state.settings;
     }
+    static std::once_flag forwarded;
+    std::call_once(forwarded, ForwardLibraryLog);
     try {
         state.recorder.Open(settings);
         state.recorder.SetTags(gst_tag_setter_get_tag_list(GST_TAG_SETTER(element)));
     } catch (const Failure& failure) {
         PostError(element, failure);
+        FinishRecording(state.interleave);  // of a file that was opened before something failed
         return false;
     }
     return true;
@@ -188,13 +196,13 @@ GstPad* RequestPad(GstElement* element, GstPadTemplate* pattern, const gchar*, c
 
 void ReleasePad(GstElement* element, GstPad* pad)
 {
-    GstPad* const inner = gst_ghost_pad_get_target(GST_GHOST_PAD(pad));
-    gst_pad_set_active(pad, FALSE);
-    gst_ghost_pad_set_target(GST_GHOST_PAD(pad), nullptr);
-    if (inner) {
+    // The inner pad first: a thread that waits in it lets go, and the outer one can be stopped.
+    if (GstPad* const inner = gst_ghost_pad_get_target(GST_GHOST_PAD(pad))) {
         gst_element_release_request_pad(StateOf(element).interleave, inner);
         gst_object_unref(inner);
     }
+    gst_pad_set_active(pad, FALSE);
+    gst_ghost_pad_set_target(GST_GHOST_PAD(pad), nullptr);
     gst_element_remove_pad(element, pad);
 }
 

@@ -7,6 +7,7 @@
 
 #include <filesystem>
 #include <fstream>
+#include <thread>
 
 using namespace kvtest;
 using testing::HasSubstr;
@@ -77,6 +78,24 @@ TEST(GstElement, AReleasedPadCanBeRequestedAgain)
     GstPad* again = Request(take, "video");
     EXPECT_NE(again, nullptr);
     gst_clear_object(&again);
+}
+
+// The video waits for the sound, and its thread in the pad that is released.
+TEST(GstElement, APadIsReleasedUnderTheThreadThatFeedsIt)
+{
+    Take take;
+    take.Caps("audio", kAac);
+    take.Caps("video", kH264);
+    for (guint64 i = 0; i < 10; ++i)
+        take.Frame("video", Key(), i * 40 * kMs);
+    std::thread feeding([&take] { take.Run(); });
+    GstPad* const pad = gst_element_get_static_pad(take.Element(), "video");
+    while (!gst_pad_has_current_caps(pad))
+        std::this_thread::yield();
+    gst_element_release_request_pad(take.Element(), pad);
+    feeding.join();
+    gst_object_unref(pad);
+    EXPECT_GT(take.Refused(), 0);
 }
 
 TEST(GstElement, TakesWhatTheLibraryTakes)
@@ -242,6 +261,9 @@ TEST(GstElement, SegmentsThatAreNotInTimeAreAnError)
     take.Frame("video", Key(), 0);
     take.Run();
     EXPECT_THAT(take.Error(), HasSubstr("segments in time"));
+    take.Stop();
+    EXPECT_EQ(take.Message(GST_MESSAGE_ERROR), nullptr);  // it is told once
+    EXPECT_EQ(BoxFile::Read(take.Path()).U32(36), 8u);    // "mdat" without the frame behind it
 }
 
 TEST(GstElement, RecordsASecondFileAfterTheFirst)

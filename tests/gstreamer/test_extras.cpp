@@ -168,6 +168,39 @@ TEST(GstTags, OfTheLastMomentAreRecorded)
     EXPECT_THAT(Contents(take.Finish()), HasSubstr("Late"));
 }
 
+TEST(GstTags, OfAStreamEndWithItsRecording)
+{
+    Take take;
+    std::string files[2];
+    for (int i = 0; i < 2; ++i) {
+        take.Caps("video", kH264);
+        take.Event("video", gst_event_new_tag(gst_tag_list_new(
+                                GST_TAG_TITLE, i == 0 ? "The first" : "The second", nullptr)));
+        take.Frame("video", Key(), 0);
+        files[i] = Contents(take.Finish());
+    }
+    EXPECT_THAT(files[0], HasSubstr("The first"));
+    EXPECT_THAT(files[1], HasSubstr("The second"));
+    EXPECT_THAT(files[1], Not(HasSubstr("The first")));
+}
+
+TEST(GstTags, OfOneKeyAreOneItemWithTheLastValue)
+{
+    Take take;
+    take.Caps("video", kH264);
+    for (int i = 0; i < 2; ++i) {
+        GstTagList* const tags = gst_tag_list_new(GST_TAG_EXTENDED_COMMENT, "com.x.y=one", nullptr);
+        gst_tag_list_add(tags, GST_TAG_MERGE_APPEND, GST_TAG_EXTENDED_COMMENT, "com.x.y=two",
+                         nullptr);
+        take.Event("video", gst_event_new_tag(tags));
+    }
+    take.Frame("video", Key(), 0);
+    const std::string file = Contents(take.Finish());
+    EXPECT_EQ(file.find("com.x.y"), file.rfind("com.x.y"));
+    EXPECT_THAT(file, HasSubstr("two"));
+    EXPECT_THAT(file, Not(HasSubstr("one")));
+}
+
 TEST(GstCheckpoints, AreToldWithTheirPlaceInTheFile)
 {
     for (const gboolean durable : {1, 0}) {

@@ -23,7 +23,10 @@ BOOL WINAPI Note(HANDLE file)
     const bool refused = g_medium->refusedFile.empty() || g_medium->refusedFile == name;
     if (g_medium->error == 0 || !refused)
         return TRUE;
-    SetLastError(g_medium->error == ENOSPC ? ERROR_DISK_FULL : ERROR_GEN_FAILURE);
+    const int error = g_medium->error;
+    SetLastError(error == ENOSPC ? ERROR_DISK_FULL
+                 : error == EIO  ? ERROR_GEN_FAILURE
+                                 : ERROR_INVALID_FUNCTION);  // of what has no medium
     return FALSE;
 }
 

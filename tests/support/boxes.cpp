@@ -72,8 +72,11 @@ BoxFile::BoxFile(Bytes bytes) : m_bytes(std::move(bytes))
 
 BoxFile BoxFile::Read(const std::filesystem::path& path)
 {
-    std::ifstream in(path, std::ios::binary);
-    return BoxFile(Bytes(std::istreambuf_iterator<char>(in), {}));
+    std::ifstream in(path, std::ios::binary | std::ios::ate);
+    Bytes bytes(in ? static_cast<std::size_t>(in.tellg()) : 0);
+    in.seekg(0).read(reinterpret_cast<char*>(bytes.data()),
+                     static_cast<std::streamsize>(bytes.size()));
+    return BoxFile(std::move(bytes));
 }
 
 void BoxFile::Parse(BoxNode& parent, std::string_view grandparent)

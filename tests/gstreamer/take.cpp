@@ -8,7 +8,7 @@
 extern "C" const char* __lsan_default_suppressions();
 extern "C" const char* __lsan_default_suppressions()
 {
-    return "leak:call_init\n";
+    return "leak:call_init\nleak:ld-linux\n";  // the loader, with its symbols and without
 }
 extern "C" const char* __asan_default_options();
 extern "C" const char* __asan_default_options()

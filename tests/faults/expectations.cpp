@@ -1,13 +1,11 @@
 #include "faults/expectations.h"
 
 #include "recovery/judge.h"
+#include "support/folder.h"
 #include "support/samples.h"
 
 #include <algorithm>
 #include <cstdio>
-
-#include <fcntl.h>
-#include <unistd.h>
 
 namespace kvtest {
 
@@ -148,7 +146,7 @@ std::string JudgeKeptLog(const Scenario& scenario, const std::filesystem::path& 
 
     // Without the header of mdat there was no recording yet, and there is none afterwards.
     const bool begun = std::filesystem::file_size(media) >= MdatOf(scenario.Plan()) + 8;
-    if (const std::uint32_t status = mp4_repair_file_ex(media.c_str(), 0); status != 0)
+    if (const std::uint32_t status = mp4_repair_file_ex(Utf8(media).c_str(), 0); status != 0)
         return "the repair has status " + std::to_string(status);
     if (!begun)
         return std::filesystem::is_empty(media) ? "" : "repaired: a file without data";
@@ -173,13 +171,6 @@ std::string JudgeKeptLog(const Scenario& scenario, const std::filesystem::path& 
 Bytes Content(const std::filesystem::path& path)
 {
     return std::filesystem::exists(path) ? BoxFile::Read(path).All() : Bytes{};
-}
-
-int NextDescriptor()
-{
-    const int descriptor = open("/dev/null", O_RDONLY | O_CLOEXEC);
-    close(descriptor);
-    return descriptor;
 }
 
 }  // namespace kvtest

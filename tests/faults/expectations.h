@@ -64,7 +64,5 @@ std::string JudgeKeptLog(const Scenario& scenario, const std::filesystem::path& 
 
 // All of a file; nothing for none.
 Bytes Content(const std::filesystem::path& path);
-// The next descriptor that the system would give: it rises when one was left open.
-int NextDescriptor();
 
 }  // namespace kvtest

@@ -2,6 +2,7 @@
 #include "faults/fault_proofs.h"
 
 #include "faults/expectations.h"
+#include "support/descriptors.h"
 #include "support/external_sink.h"
 #include "support/recording.h"
 #include "support/repair.h"

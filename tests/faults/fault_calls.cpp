@@ -4,6 +4,7 @@
 #include "faults/expectations.h"
 #include "faults/system_calls.h"
 #include "recovery/judge.h"
+#include "support/descriptors.h"
 #include "support/recording.h"
 
 #include <algorithm>

@@ -134,7 +134,7 @@ bool CanFillDisks()
     return can;
 }
 
-bool ProveFullDisks()
+bool ProveFullDisks(const FaultChoice&)
 {
     FaultReport report;
     for (const FaultPlan& plan : FaultPlans()) {

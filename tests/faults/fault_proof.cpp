@@ -3,6 +3,7 @@
 //
 //   fault_proof callbacks|calls|repairs|disks [--all|--some]
 //
+// Windows has callbacks and repairs.
 // With --all each call fails with each error, otherwise the errors take turns; with --some each
 // seventh call fails, for builds that are slow.
 // Ends with 77 where the system does not let calls fail.
@@ -11,6 +12,7 @@
 
 #include <cstdio>
 #include <exception>
+#include <string>
 #include <string_view>
 
 int main(int count, char** words)
@@ -22,18 +24,16 @@ int main(int count, char** words)
     constexpr int kSkipped = 77;
     try {
         const Quiet quiet;
-        if (what == "callbacks")
-            return !ProveCallbacks(choice);
-        if (what == "calls")
-            return CanFailSystemCalls() ? !ProveSystemCalls(choice) : kSkipped;
-        if (what == "repairs")
-            return CanFailSystemCalls() ? !ProveRepairs(choice) : kSkipped;
-        if (what == "disks")
-            return CanFillDisks() ? !ProveFullDisks() : kSkipped;
+        for (const FaultProof& proof : FaultProofs())
+            if (what == proof.name)
+                return proof.can() ? !proof.prove(choice) : kSkipped;
     } catch (const std::exception& error) {
         std::fprintf(stderr, "fault_proof: %s\n", error.what());
         return 1;
     }
-    std::fprintf(stderr, "usage: fault_proof callbacks|calls|repairs|disks [--all|--some]\n");
+    std::string names;
+    for (const FaultProof& proof : FaultProofs())
+        names += (names.empty() ? "" : "|") + std::string(proof.name);
+    std::fprintf(stderr, "usage: fault_proof %s [--all|--some]\n", names.c_str());
     return 2;
 }

@@ -2,6 +2,8 @@
 #pragma once
 
 #include <cstddef>
+#include <string_view>
+#include <vector>
 
 namespace kvtest {
 
@@ -13,11 +15,20 @@ struct FaultChoice {
 bool ProveCallbacks(const FaultChoice& choice);    // a callback table
 bool ProveSystemCalls(const FaultChoice& choice);  // local files
 bool ProveRepairs(const FaultChoice& choice);      // their repair
-bool ProveFullDisks();                             // a small disk that is really full
+bool ProveFullDisks(const FaultChoice&);           // a small disk that is really full
 
 // Whether this system allows it; says why not.
 bool CanFailSystemCalls();
 bool CanFillDisks();
+
+struct FaultProof {
+    std::string_view name;
+    bool (*can)();
+    bool (*prove)(const FaultChoice& choice);
+};
+
+// Those that there are on this kind of system.
+const std::vector<FaultProof>& FaultProofs();
 
 // Where system calls fail.
 class Folder;

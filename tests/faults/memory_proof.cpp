@@ -1,8 +1,13 @@
 // Records and repairs again and again, each time with another request for memory that is refused,
 // until none is left. The library's objects are linked in, so that every request of theirs comes by
-// here: operator new as a whole, malloc, calloc and realloc by the linker (--wrap), and the streams
-// of the files with fopen.
+// here: operator new as a whole, malloc, calloc and realloc, and the streams of the files.
+//
+//   memory_proof [--some]
+//
+// With --some each seventh is refused, where programs are slow.
 #include "faults/expectations.h"
+#include "faults/memory_requests.h"
+#include "support/descriptors.h"
 #include "support/recording.h"
 #include "support/repair.h"
 
@@ -17,62 +22,34 @@ namespace {
 bool g_inside = false;         // the library is at work
 std::size_t g_left = 0;        // requests until one is refused; 0 never
 bool g_forEver = false;
-std::size_t g_asked = 0;
 std::size_t g_refused = 0;
 std::size_t g_refusedStep = 0;  // of the first
 
-bool Refuses()
+}  // namespace
+
+bool kvtest::RefusesRequest()
 {
-    if (!g_inside)
-        return false;
-    ++g_asked;
-    if (g_left == 0 || --g_left != 0)
+    if (!g_inside || g_left == 0 || --g_left != 0)
         return false;
     if (g_forEver)
         g_left = 1;
     if (g_refused++ == 0)
-        g_refusedStep = kvtest::Scenario::Now();
+        g_refusedStep = Scenario::Now();
     errno = ENOMEM;
     return true;
-}
-
-}  // namespace
-
-extern "C" {
-void* __real_malloc(std::size_t size);
-void* __real_calloc(std::size_t count, std::size_t size);
-void* __real_realloc(void* data, std::size_t size);
-std::FILE* __real_fopen(const char* path, const char* mode);
-
-void* __wrap_malloc(std::size_t size)
-{
-    return Refuses() ? nullptr : __real_malloc(size);
-}
-void* __wrap_calloc(std::size_t count, std::size_t size)
-{
-    return Refuses() ? nullptr : __real_calloc(count, size);
-}
-void* __wrap_realloc(void* data, std::size_t size)
-{
-    return Refuses() ? nullptr : __real_realloc(data, size);
-}
-std::FILE* __wrap_fopen(const char* path, const char* mode)
-{
-    return Refuses() ? nullptr : __real_fopen(path, mode);
-}
 }
 
 // All of the program's, as the standard has it.
 void* operator new(std::size_t size)
 {
-    void* const data = Refuses() ? nullptr : __real_malloc(size ? size : 1);
+    void* const data = kvtest::RefusesRequest() ? nullptr : kvtest::Allocate(size ? size : 1);
     if (!data)
         throw std::bad_alloc();
     return data;
 }
 void* operator new(std::size_t size, const std::nothrow_t&) noexcept
 {
-    return Refuses() ? nullptr : __real_malloc(size ? size : 1);
+    return kvtest::RefusesRequest() ? nullptr : kvtest::Allocate(size ? size : 1);
 }
 void operator delete(void* data) noexcept
 {
@@ -95,7 +72,7 @@ void Watch(std::size_t n, bool forEver)
 {
     g_left = n;
     g_forEver = forEver;
-    g_asked = g_refused = g_refusedStep = 0;
+    g_refused = g_refusedStep = 0;
 }
 
 bool IsOutOfMemory(const StepResult& result)
@@ -107,8 +84,8 @@ bool IsOutOfMemory(const StepResult& result)
 
 class Memory {
 public:
-    Memory(const FaultPlan& plan, FaultReport& report)
-        : m_scenario(plan), m_report(report), m_path(m_folder / plan.file),
+    Memory(const FaultPlan& plan, FaultReport& report, std::size_t stride)
+        : m_scenario(plan), m_report(report), m_stride(stride), m_path(m_folder / plan.file),
           m_log(m_path.string() + ".info")
     {
     }
@@ -126,7 +103,7 @@ public:
     void Refuse()
     {
         for (const bool forEver : {false, true}) {
-            for (std::size_t n = 1;; ++n) {
+            for (std::size_t n = 1;; n += m_stride) {
                 const int descriptor = NextDescriptor();
                 Watch(n, forEver);
                 Run();
@@ -152,7 +129,7 @@ public:
         Repair();
         const Bytes repaired = Content(m_path);
         for (const bool forEver : {false, true}) {
-            for (std::size_t n = 1;; ++n) {
+            for (std::size_t n = 1;; n += m_stride) {
                 const int descriptor = NextDescriptor();
                 Watch(n, forEver);
                 const StepResult result = Repair();
@@ -240,7 +217,7 @@ private:
         WriteBytes(m_path, m_media);
         WriteBytes(m_log, m_packets);
         StepResult result{StepResult::kStatus, 0};
-        const std::string path = m_path.string();
+        const std::string path = Utf8(m_path);
         errno = 0;
         g_inside = true;
         try {
@@ -267,6 +244,7 @@ private:
 
     Scenario m_scenario;
     FaultReport& m_report;
+    std::size_t m_stride;
     Folder m_folder;
     std::filesystem::path m_path;
     std::filesystem::path m_log;
@@ -276,11 +254,11 @@ private:
     Bytes m_packets;
 };
 
-bool ProveMemory()
+bool ProveMemory(std::size_t stride)
 {
     FaultReport report;
     for (const FaultPlan& plan : FaultPlans()) {
-        Memory proof(plan, report);
+        Memory proof(plan, report, stride);
         if (!proof.RunWhole())
             break;
         proof.Refuse();
@@ -294,8 +272,14 @@ bool ProveMemory()
 
 }  // namespace kvtest
 
-int main()
+int main(int count, char** words)
 {
+    const bool some = count == 2 && words[1] == std::string_view("--some");
+    if (count != 1 && !some) {
+        std::fprintf(stderr, "usage: memory_proof [--some]\n");
+        return 2;
+    }
+    kvtest::WatchRequests();
     const kvtest::Quiet quiet;
-    return !kvtest::ProveMemory();
+    return !kvtest::ProveMemory(some ? 7 : 1);
 }

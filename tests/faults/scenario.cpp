@@ -5,12 +5,8 @@
 #include <spdlog/sinks/sink.h>
 #include <spdlog/spdlog.h>
 
-#include <cstdio>
 #include <new>
 #include <string_view>
-
-#include <fcntl.h>
-#include <unistd.h>
 
 namespace kvtest {
 
@@ -222,8 +218,9 @@ std::size_t Scenario::Now()
     return g_step;
 }
 
-void Scenario::Run(const std::string& path, ExternalIoFuncs* table, const Around& around)
+void Scenario::Run(const std::filesystem::path& path, ExternalIoFuncs* table, const Around& around)
 {
+    const std::string name = Utf8(path);
     std::fill(m_results.begin(), m_results.end(), StepResult{});
     std::fill(m_checkpoints.begin(), m_checkpoints.end(), 0);
     mp4_handle file = nullptr;
@@ -235,7 +232,7 @@ void Scenario::Run(const std::string& path, ExternalIoFuncs* table, const Around
         try {
             result.value = g_step != 0
                                ? m_steps[g_step].call(file)
-                               : mp4_create_file_adv_ex(path.c_str(), m_plan.flags, 4096, 32,
+                               : mp4_create_file_adv_ex(name.c_str(), m_plan.flags, 4096, 32,
                                                         table ? MP4_IO_EXTERNAL : MP4_IO_FILE,
                                                         table, &file);
             result.kind = StepResult::kStatus;
@@ -271,18 +268,10 @@ Quiet::Quiet() : m_before(spdlog::default_logger())
 {
     spdlog::set_default_logger(
         std::make_shared<spdlog::logger>("faults", std::make_shared<CheckpointSink>()));
-    std::fflush(stdout);
-    m_stdout = dup(1);
-    const int nowhere = open("/dev/null", O_WRONLY | O_CLOEXEC);
-    dup2(nowhere, 1);
-    close(nowhere);
 }
 
 Quiet::~Quiet()
 {
-    std::fflush(stdout);
-    dup2(m_stdout, 1);
-    close(m_stdout);
     spdlog::set_default_logger(std::static_pointer_cast<spdlog::logger>(m_before));
 }
 

@@ -3,11 +3,14 @@
 #pragma once
 
 #include "recovery/take.h"
+#include "support/descriptors.h"
 
 #include <kv_mp4.h>
 
 #include <cstdint>
+#include <filesystem>
 #include <functional>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -60,9 +63,10 @@ public:
     // The samples by track, each with the step that brings it.
     const Take& Samples() const { return m_take; }
 
-    // Runs all steps, to a local file when there is no table. A create that fails ends it. `around` is called with true before each call of the library and false after it.
+    // Runs all steps, to a local file when there is no table. A create that fails ends it. `around` is
+    // called with true before each call of the library and false after it.
     using Around = std::function<void(bool)>;
-    void Run(const std::string& path, ExternalIoFuncs* table, const Around& around = {});
+    void Run(const std::filesystem::path& path, ExternalIoFuncs* table, const Around& around = {});
 
     // The step that runs now, for whoever counts calls.
     static std::size_t Now();
@@ -99,8 +103,8 @@ public:
     Quiet& operator=(const Quiet&) = delete;
 
 private:
+    NoOutput m_output;
     std::shared_ptr<void> m_before;
-    int m_stdout;
 };
 
 }  // namespace kvtest

@@ -1,9 +1,13 @@
 // Stands below the runtime's streams: every system call that they make for the files of one folder
 // comes by here and can be made to fail. A seccomp filter sends them, by the place in the runtime
-// that they are made from, so that the calls of a sanitizer and of the tests' own are not concerned.
+// that they are made from, so that the calls of a sanitizer and of the tests' own are not concerned;
+// on Windows the tables of what the runtime and the program import do.
 #pragma once
 
+#include "faults/expectations.h"
+
 #include <cstddef>
+#include <span>
 #include <string>
 #include <vector>
 
@@ -13,7 +17,12 @@ enum class SysCall { Open, Read, Write, Seek, Sync, Close, Truncate, Unlink };
 constexpr SysCall kAllSysCalls[] = {SysCall::Open,  SysCall::Read,     SysCall::Write,
                                     SysCall::Seek,  SysCall::Sync,     SysCall::Close,
                                     SysCall::Truncate, SysCall::Unlink};
-const char* NameOf(SysCall call);
+inline const char* NameOf(SysCall call)
+{
+    constexpr const char* names[] = {"open", "read",  "write",    "seek",
+                                     "sync", "close", "truncate", "unlink"};
+    return names[static_cast<int>(call)];
+}
 
 // Files whose names end in ".info" are logs, all others media.
 enum class SysFile { Media, Log };
@@ -42,6 +51,12 @@ public:
     static void Watch(const SysFault& fault);
     // No longer; what was noted.
     static const std::vector<SysEvent>& Stop();
+    // What a call can fail with, and the status that the library has for it.
+    static std::span<const FaultError> ErrorsOf(SysCall call);
+    // Whether the runtime goes on when half of a write was taken; elsewhere that has failed.
+    static bool WritesTheRest();
+    // Whether a stream asks the system for its position, also where it could know.
+    static bool AsksForPositions();
     // For Scenario::Run: lets calls by while the library is not at work.
     static void Around(bool inside);
 };

@@ -5,6 +5,7 @@
 // The states are drawn without return from all there are; equal seeds draw equal ones.
 #include "recovery/judge.h"
 #include "recovery/proof.h"
+#include "support/descriptors.h"
 #include "support/recording.h"
 
 #include <spdlog/sinks/null_sink.h>
@@ -18,9 +19,6 @@
 #include <random>
 #include <thread>
 
-#include <fcntl.h>
-#include <unistd.h>
-
 using namespace kvtest;
 
 namespace {
@@ -33,33 +31,6 @@ struct Options {
     std::uint64_t seed = 1;
 };
 
-// While it lives, what the library prints goes nowhere.
-class Quiet {
-public:
-    Quiet() : m_kept(dup(STDOUT_FILENO))
-    {
-        std::fflush(stdout);
-#if defined(_WIN32)
-        const int nowhere = open("NUL", O_WRONLY);
-#else
-        const int nowhere = open("/dev/null", O_WRONLY);
-#endif
-        dup2(nowhere, STDOUT_FILENO);
-        close(nowhere);
-    }
-    ~Quiet()
-    {
-        std::fflush(stdout);
-        dup2(m_kept, STDOUT_FILENO);
-        close(m_kept);
-    }
-    Quiet(const Quiet&) = delete;
-    Quiet& operator=(const Quiet&) = delete;
-
-private:
-    int m_kept;
-};
-
 class Proof {
 public:
     explicit Proof(const Options& options) : m_options(options), m_random(options.seed) {}
@@ -67,7 +38,7 @@ public:
     bool Run()
     {
         {
-            const Quiet quiet;
+            const NoOutput quiet;
             for (const TakePlan& plan : AllPlans())
                 m_takes.push_back(Record(plan));
         }
@@ -159,7 +130,7 @@ private:
         std::atomic<std::uint64_t> emptied = 0;
         std::atomic<std::uint64_t> unmarked = 0;
         {
-            const Quiet quiet;
+            const NoOutput quiet;
             ForEachTake([&](std::size_t n) {
                 const Folder folder;
                 Replay replay(m_takes[n]->trace);

@@ -17,11 +17,19 @@
 
 namespace kvtest {
 
-const char* NameOf(SysCall call)
+std::span<const FaultError> SystemCalls::ErrorsOf(SysCall)
 {
-    constexpr const char* names[] = {"open", "read",  "write",    "seek",
-                                     "sync", "close", "truncate", "unlink"};
-    return names[static_cast<int>(call)];
+    return kFaultErrors;
+}
+
+bool SystemCalls::AsksForPositions()
+{
+    return false;
+}
+
+bool SystemCalls::WritesTheRest()
+{
+    return true;
 }
 
 #ifdef __x86_64__

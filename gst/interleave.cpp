@@ -201,7 +201,9 @@ void Record(GstAggregator* aggregator, const Head& head)
         gap ? Recorder::Result::kNothing : state.recorder->Write(head.kind, head.buffer, head.time);
     const GstClockTime span = GST_BUFFER_DURATION(head.buffer);
     stream.last = head.time;
-    stream.span = GST_CLOCK_TIME_IS_VALID(span) ? static_cast<std::int64_t>(span) : 0;
+    // matroskademux gives ProRes neither times nor lengths.
+    stream.span = GST_CLOCK_TIME_IS_VALID(span) ? static_cast<std::int64_t>(span)
+                                                : state.recorder->StepOf(head.kind);
     Remark(state.element, stream, head.kind, result);
     if (const auto checkpoint = state.recorder->NewCheckpoint())
         PostCheckpoint(state.element, *checkpoint);

@@ -56,6 +56,8 @@ public:
     };
     // `time` is a running time in nanoseconds, of decoding where that is another one.
     Result Write(Kind kind, GstBuffer* buffer, std::int64_t time);
+    // How long a frame lasts by the caps, in nanoseconds; 0 if they do not tell.
+    std::int64_t StepOf(Kind kind) const;
     // Times may begin anew: what follows goes behind what is recorded.
     void Flush() { m_flushed = true; }
     // What a crash from now on would leave, if that has changed; only in safe mode.
@@ -79,6 +81,7 @@ private:
     };
 
     Track& Of(Kind kind) { return m_tracks[static_cast<std::size_t>(kind)]; }
+    const Track& Of(Kind kind) const { return m_tracks[static_cast<std::size_t>(kind)]; }
     void Announce(Kind kind, Track& track);
     void WriteTimeCode(GstBuffer* buffer);
     Result WriteBytes(Kind kind, const std::uint8_t* data, std::size_t size, std::int64_t ticks);

@@ -121,6 +121,12 @@ Recorder::Result Recorder::Write(Kind kind, GstBuffer* buffer, std::int64_t time
     return Result::kRecorded;
 }
 
+std::int64_t Recorder::StepOf(Kind kind) const
+{
+    const std::optional<Format>& format = Of(kind).format;
+    return format && format->step != 0 ? Scale(format->step, GST_SECOND, format->timescale) : 0;
+}
+
 // The file itself is asked, and by the way a reader takes: what is told here is what a crash
 // leaves.
 std::optional<Checkpoint> Recorder::NewCheckpoint()

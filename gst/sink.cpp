@@ -247,7 +247,7 @@ void AddProperties(GObjectClass* type)
                           StrategyType(), static_cast<gint>(defaults.safe.strategy), kAlways));
     bytes(kCheckpointInterval, "checkpoint-interval", "Checkpoint interval",
           "Where the first checkpoint is made, and the smallest distance to the next, in bytes "
-          "(safe mode); it must exceed the size of the index",
+          "(safe mode); it must exceed the size of the index and two frames",
           defaults.safe.min_interval);
     bytes(kCheckpointMaxInterval, "checkpoint-max-interval", "Checkpoint maximum interval",
           "The largest distance from checkpoint to checkpoint, in bytes (safe mode)",

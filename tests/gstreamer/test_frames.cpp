@@ -128,6 +128,21 @@ TEST(GstFrames, TimesThatDoNotRiseAreMovedByATick)
     EXPECT_THAT(take.Finish().Box(kVideo + "stts"), ReadsAs("stts  1 x 1, 2 x 3599"));
 }
 
+// Demuxers may leave them out: the caps tell how long a frame lasts.
+TEST(GstFrames, FramesWithoutTimesFollowEachOther)
+{
+    Take take;
+    take.Caps("video", kH264);
+    take.Caps("audio", kAac);
+    for (int i = 0; i < 3; ++i) {
+        take.Frame("video", Key(), GST_CLOCK_TIME_NONE);
+        take.Frame("audio", Sound(), GST_CLOCK_TIME_NONE);
+    }
+    const BoxFile file = take.Finish();
+    EXPECT_THAT(file.Box(kVideo + "stts"), ReadsAs("stts  3 x 3600"));
+    EXPECT_THAT(file.Box(kAudio + "stts"), ReadsAs("stts  3 x 1024"));
+}
+
 // Shown 0, 120, 40, 80 ms; decoded one picture apart, the first when it is shown.
 TEST(GstFrames, ReorderedPicturesKeepTheirDecodingTimesWithAWarning)
 {

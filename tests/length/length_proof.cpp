@@ -4,6 +4,7 @@
 //
 //   length_proof [HOURS]
 #include "faults/scenario.h"
+#include "length/sizes.h"
 #include "support/boxes.h"
 #include "support/recording.h"
 
@@ -14,21 +15,19 @@
 #include <cstring>
 #include <new>
 
-#include <malloc.h>
-
 namespace {
 
 long long g_held = 0;  // bytes
 
 void* Count(void* data)
 {
-    g_held += static_cast<long long>(malloc_usable_size(data));
+    g_held += static_cast<long long>(kvtest::SizeOf(data));
     return data;
 }
 
 void Discount(void* data)
 {
-    g_held -= static_cast<long long>(malloc_usable_size(data));
+    g_held -= static_cast<long long>(kvtest::SizeOf(data));
 }
 
 }  // namespace

@@ -1,8 +1,7 @@
 # The DLL and kvmp4.exe, beside the units, the recordings and the proofs. What the rest of tests/
 # needs, Windows or Debian's packages for it do not have: FFmpeg's libraries (the second judge of
 # recovery, faults and length; encoders; cli), Linux's streams, whose every call is known
-# (`fault_proof calls`), processes that fork and files in memory (model), file systems of their own
-# (`fault_proof disks`, power).
+# (`fault_proof calls`), file systems of their own (`fault_proof disks`, power).
 add_test(NAME install.exported_names
     COMMAND Python3::Interpreter ${CMAKE_CURRENT_SOURCE_DIR}/install/exports.py
         $<TARGET_FILE:kv_mp4> ${PROJECT_SOURCE_DIR}/include/kv_mp4.h)

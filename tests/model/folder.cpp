@@ -1,8 +1,8 @@
 #include "model/run.h"
+#include "model/system.h"
 
 #include <cerrno>
 #include <filesystem>
-#include <unistd.h>
 
 namespace model {
 
@@ -31,7 +31,7 @@ size_t Characters(const std::string& text)
 }  // namespace
 
 Folder::Folder(const std::string& parent, const std::string& name)
-    : m_root(parent + "/kvm" + name + std::to_string(getpid()))
+    : m_root(parent + "/kvm" + name + std::to_string(ProcessNumber()))
 {
     fs::create_directories(m_root + "/movies");
     fs::create_directories(m_root + "/folder");
@@ -61,9 +61,9 @@ Place Folder::Find(const std::string& path) const
     if (path == "none/clip.mp4") {
         place.openError = place.infoOpenError = ENOENT;
     } else if (path == "folder") {
-        place.openError = EISDIR;
+        place.openError = kFolderError;
     } else if (path == "folderlog.mp4") {
-        place.infoOpenError = EISDIR;
+        place.infoOpenError = kFolderError;
     } else if (path == "fulllog.mp4") {
         place.logError = ENOSPC;
     }

@@ -2,6 +2,8 @@
 #include "kv_mp4.h"
 #include "model/random.h"
 #include "model/run.h"
+#include "model/system.h"
+#include "support/descriptors.h"
 
 #include <bit>
 #include <cerrno>
@@ -9,13 +11,10 @@
 #include <cmath>
 #include <cstdio>
 #include <cstring>
-#include <fcntl.h>
 #include <fmt/format.h>
 #include <spdlog/sinks/sink.h>
 #include <spdlog/spdlog.h>
 #include <stdexcept>
-#include <sys/mman.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 namespace model {
@@ -149,6 +148,10 @@ std::wstring Wide(const std::string& text)
         for (int j = 0; j < more; ++j) {
             character = character << 6 | (text[++i] & 0x3F);
         }
+        if (sizeof(wchar_t) == 2 && character > 0xFFFF) {  // UTF-16
+            wide.push_back(static_cast<wchar_t>(0xD7C0 + (character >> 10)));
+            character = 0xDC00 | (character & 0x3FF);
+        }
         wide.push_back(static_cast<wchar_t>(character));
     }
     return wide;
@@ -165,12 +168,6 @@ std::string WithoutLineNumbers(std::string text)
         }
     }
     return text;
-}
-
-bool IsFile(const std::string& path)
-{
-    struct stat status {};
-    return stat(path.c_str(), &status) == 0 && S_ISREG(status.st_mode);
 }
 
 // One recording through the exports.
@@ -191,12 +188,6 @@ private:
     template <class F>
     void Guard(int error, F call);
     mp4_handle Given(const Step& step) const;
-    uint64_t InfoSize() const
-    {
-        struct stat status {};
-        return m_info >= 0 && fstat(m_info, &status) == 0 ? static_cast<uint64_t>(status.st_size)
-                                                          : 0;
-    }
 
     const Sequence& m_sequence;
     const Place& m_place;
@@ -206,7 +197,7 @@ private:
     Sink m_sink;
     mp4_handle m_handle = nullptr;
     bool m_ended = false;
-    int m_info = -1;
+    HeldFile m_info;
 };
 
 template <class F>
@@ -223,7 +214,7 @@ void Session::Guard(int error, F call)
         outcome.kind = Outcome::Kind::OtherException;
     }
     outcome.lines = m_seen.lines.size();
-    outcome.infoSize = InfoSize();
+    outcome.infoSize = m_info.Size();
     const size_t known = m_seen.checkpoints.size();
     if (known < m_expected.checkpoints.size() &&
         m_expected.checkpoints[known].call == m_seen.outcomes.size()) {
@@ -265,8 +256,8 @@ void Session::Open()
         return 0;
     });
     if (IsFile(m_place.path + ".info")) {
-        m_info = open((m_place.path + ".info").c_str(), O_RDONLY | O_CLOEXEC);
-        m_seen.outcomes.back().infoSize = InfoSize();
+        m_info.Hold(m_place.path + ".info");
+        m_seen.outcomes.back().infoSize = m_info.Size();
     }
 }
 
@@ -300,15 +291,8 @@ void Session::End()
     } else {
         m_seen.media = Image::Load(m_place.path);
     }
-    struct stat status {};
-    if (m_info >= 0 && fstat(m_info, &status) == 0 && S_ISREG(status.st_mode)) {
-        m_seen.info.emplace(static_cast<size_t>(status.st_size));
-        if (pread(m_info, m_seen.info->data(), m_seen.info->size(), 0) != status.st_size) {
-            throw std::runtime_error("the info file cannot be read");
-        }
-    }
-    if (m_info >= 0) {
-        close(m_info);
+    if (m_info.Holds()) {
+        m_seen.info = m_info.Read();
     }
     m_seen.infoIsLeft = IsFile(m_place.path + ".info");
 }
@@ -469,14 +453,14 @@ void Save(const std::string& path, const Bytes& bytes)
 void PutStale(const Sequence& sequence, const Place& place)
 {
     const std::string info = place.path + ".info";
-    unlink(place.path.c_str());
-    unlink(info.c_str());
+    Remove(place.path);
+    Remove(info);
     if (sequence.opening.stale && place.CanHoldFiles()) {
         Save(place.path, kStale);
         Save(info, kStale);
     }
-    if (place.logError != 0 && symlink("/dev/full", info.c_str()) != 0) {
-        throw std::runtime_error("no link to a full disk");
+    if (place.logError != 0) {
+        PutFullFile(info);
     }
 }
 
@@ -484,21 +468,9 @@ void PutStale(const Sequence& sequence, const Place& place)
 
 struct Library::Capture {
     std::shared_ptr<LogSink> log = std::make_shared<LogSink>();
-    int output = -1;  // what stands in for standard output
+    std::optional<Output> output;
 
-    std::string TakeOutput()
-    {
-        std::fflush(stdout);
-        const off_t size = lseek(output, 0, SEEK_CUR);
-        std::string text(static_cast<size_t>(size), '\0');
-        if (size != 0) {
-            if (pread(output, text.data(), text.size(), 0) != size ||
-                lseek(output, 0, SEEK_SET) != 0) {
-                throw std::runtime_error("standard output cannot be read");
-            }
-        }
-        return WithoutLineNumbers(std::move(text));
-    }
+    std::string TakeOutput() { return WithoutLineNumbers(output->Take()); }
 };
 
 Library::Library() : m_capture(std::make_unique<Capture>())
@@ -510,7 +482,7 @@ Library::Library() : m_capture(std::make_unique<Capture>())
     m_capture->log->m_seen = &first;
     spdlog::set_default_logger(logger);
     const int errors = dup(STDERR_FILENO);
-    const int nowhere = open("/dev/null", O_WRONLY | O_CLOEXEC);
+    const int nowhere = kvtest::OpenNothing();
     dup2(nowhere, STDERR_FILENO);
     mp4_handle handle = nullptr;
     mp4_create_file(L"/nowhere/at/all", 0, &handle);
@@ -523,9 +495,7 @@ Library::Library() : m_capture(std::make_unique<Capture>())
         throw std::runtime_error("the logger was not set up as told");
     }
     spdlog::set_default_logger(logger);
-    m_capture->output = memfd_create("stdout", MFD_CLOEXEC);
-    std::fflush(stdout);
-    dup2(m_capture->output, STDOUT_FILENO);
+    m_capture->output.emplace();
 }
 
 Library::~Library()
@@ -583,8 +553,8 @@ Result Library::Run(const Sequence& sequence, const Prediction& prediction, cons
     const Repair& repair = *sequence.repair;
     Observed& seen = result.repair.emplace();
     m_capture->log->m_seen = &seen;
-    unlink(place.path.c_str());
-    unlink(info.c_str());
+    Remove(place.path);
+    Remove(info);
     if (planted.media) {
         planted.media->Save(place.path);
     }

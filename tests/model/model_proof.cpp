@@ -7,16 +7,14 @@
 // about one thing (status, line, print, sink, media, info or repair), to see that lies are found.
 #include "model/generate.h"
 #include "model/run.h"
+#include "model/system.h"
 
 #include <array>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
-#include <fcntl.h>
 #include <fmt/format.h>
 #include <string>
-#include <sys/wait.h>
-#include <unistd.h>
 #include <vector>
 
 namespace {
@@ -35,8 +33,8 @@ struct Options {
 class Prover {
 public:
     Prover(const Options& options, std::FILE* report)
-        : m_options(options), m_report(report), m_folder(Parent(), "a"),
-          m_otherFolder(Parent(), "b")
+        : m_options(options), m_report(report), m_folder(TemporaryFolder(), "a"),
+          m_otherFolder(TemporaryFolder(), "b")
     {
     }
 
@@ -60,14 +58,6 @@ public:
     }
 
 private:
-    static std::string Parent()
-    {
-        const char* temporary = std::getenv("TMPDIR");
-        return temporary != nullptr            ? temporary
-               : access("/dev/shm", W_OK) == 0 ? "/dev/shm"
-                                               : "/tmp";
-    }
-
     std::string Difference(const Sequence& sequence)
     {
         Prediction prediction = Predict(sequence, m_folder);
@@ -203,23 +193,14 @@ bool Parse(int argc, char** argv, Options& options)
     return options.jobs != 0;
 }
 
-bool RunAll(const Options& options, std::FILE* report)
+bool RunAll(Options options, std::FILE* report)
 {
-    if (options.jobs == 1) {
-        return Prover(options, report).Run(options.first);
-    }
-    for (uint64_t job = 0; job < options.jobs; ++job) {
-        if (fork() == 0) {
-            const bool same = Prover(options, report).Run(options.first + job);
-            std::fflush(report);
-            _exit(same ? 0 : 1);
-        }
-    }
-    bool same = true;
-    for (int status = 0; wait(&status) > 0;) {
-        same = same && WIFEXITED(status) && WEXITSTATUS(status) == 0;
-    }
-    return same;
+    return RunJobs(options.jobs, [&](uint64_t job, uint64_t jobs) {
+        options.jobs = jobs;
+        const bool same = Prover(options, report).Run(options.first + job);
+        std::fflush(report);
+        return same;
+    });
 }
 
 }  // namespace
@@ -232,7 +213,7 @@ int main(int argc, char** argv)
                            "[--show] [--plant WHAT]\n");
         return 2;
     }
-    std::FILE* report = fdopen(fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 0), "w");
+    std::FILE* report = KeepOutput();
     const auto start = std::chrono::steady_clock::now();
     const bool same = RunAll(options, report);
     const std::chrono::duration<double> took = std::chrono::steady_clock::now() - start;

@@ -465,6 +465,7 @@ bool AProcessRecordsAndDies(const std::filesystem::path& path)
     wchar_t self[MAX_PATH];
     GetModuleFileNameW(nullptr, self, MAX_PATH);
     _wputenv_s(L"KVTEST_RECORD_TO", path.c_str());
+    _wputenv_s(L"GTEST_TOTAL_SHARDS", L"");  // or it might leave its only test to another shard
     return _wspawnl(_P_WAIT, self, L"recorder", L"--gtest_also_run_disabled_tests",
                     L"--gtest_filter=DISABLED_AKilledRecorder.*", nullptr) == 9;
 #else

@@ -2,6 +2,7 @@
 
 #include "failure.h"
 #include "nal_units.h"
+#include "system.h"
 #include "timecode.h"
 
 #include <kv_mp4.h>
@@ -48,7 +49,7 @@ bool CountsDropFrame(std::string path)
 {
     if (path.starts_with("file:"))
         path.erase(0, 5);
-    std::ifstream file(path);
+    std::ifstream file(PathOf(path));
     if (!file)
         return true;  // a pipe or URL: labels of drop frame keep close to the clock
     for (std::string line; std::getline(file, line);)

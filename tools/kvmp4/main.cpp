@@ -71,7 +71,7 @@ begins with "com.".
 Exit codes: 0 recorded; 1 other; 2 usage; 3 the input cannot be opened or read; 4 no usable stream
 or a codec that cannot be recorded; 5 the output cannot be created; 6 a write failed.)";
 
-void OnSignal(int)
+void Interrupt(int)
 {
     // A second Ctrl-C ends the process at once.
     if (g_stop.exchange(true))
@@ -246,10 +246,7 @@ int main(int argc, char** argv)
     verbose = verbose || options.verbose;
     av_log_set_level(options.verbose ? AV_LOG_INFO : AV_LOG_FATAL);
     avdevice_register_all();
-    struct sigaction action {};
-    action.sa_handler = OnSignal;
-    sigaction(SIGINT, &action, nullptr);
-    sigaction(SIGTERM, &action, nullptr);
+    OnInterrupt(Interrupt);
 #endif
     spdlog::set_level(verbose ? spdlog::level::info : spdlog::level::off);
 #if !defined(_WIN32)

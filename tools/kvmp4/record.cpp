@@ -1,6 +1,7 @@
 #include "record.h"
 
 #include "failure.h"
+#include "system.h"
 #include "timecode.h"
 
 #include <kv_mp4.h>
@@ -87,7 +88,7 @@ public:
                           "cannot create " + m_path + ": " + StatusText(status));
         // The log of what was overwritten would be taken for this recording's.
         if (!options.safety.Info())
-            std::filesystem::remove(m_path + ".info", ignored);
+            std::filesystem::remove(PathOf(m_path + ".info"), ignored);
         ApplySafety(options.safety, m_file);
         if (options.safety.LowLoss()) {
             std::size_t metadata = 0;
@@ -425,15 +426,16 @@ void CheckOptions(const RecordOptions& options, AVRational& fps)
     }
     CheckSafety(options.safety, options.fastHeader);
     std::error_code ignored;
+    const std::filesystem::path output = PathOf(options.output);
     for (const std::string& input : options.inputs)
-        if (std::filesystem::equivalent(input, options.output, ignored))
+        if (std::filesystem::equivalent(PathOf(input), output, ignored))
             throw Failure(kExitUsage, "the output is the input itself: " + input);
-    if (!options.overwrite && std::filesystem::is_regular_file(options.output, ignored))
+    if (!options.overwrite && std::filesystem::is_regular_file(output, ignored))
         throw Failure(kExitOutput, options.output + " exists already (-y overwrites it)");
-    if (!options.overwrite && std::filesystem::exists(options.output + ".info", ignored))
+    if (!options.overwrite && std::filesystem::exists(PathOf(options.output + ".info"), ignored))
         throw Failure(kExitOutput, options.output + ".info exists already, the log of a recording "
                                    "that did not end properly (-y overwrites it)");
-    const std::string extension = std::filesystem::path(options.output).extension();
+    const std::filesystem::path extension = output.extension();
     const bool quickTime = options.output.find("mov") != std::string::npos;
     if (quickTime && extension == ".mp4")
         Warn("the path contains \"mov\", so that this becomes a QuickTime file");
@@ -447,6 +449,9 @@ void Record(const RecordOptions& options)
 {
     AVRational fps{0, 1};
     CheckOptions(options, fps);
+    std::optional<QuietOutput> quiet;
+    if (kLibraryLogsAlone && !options.verbose)
+        quiet.emplace();
 
     const std::uint32_t captionCodec = options.captionFormat == "608"   ? MP4_SUBTITLE_CEA608
                                        : options.captionFormat == "708" ? MP4_SUBTITLE_CEA708

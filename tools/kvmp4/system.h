@@ -15,6 +15,18 @@ inline std::filesystem::path PathOf(const std::string& text)
     return std::u8string(text.begin(), text.end());
 }
 
+// Whether the library logs through a copy of spdlog of its own, to standard output until it has a
+// logger; elsewhere the program's default logger is the library's too.
+#if defined(_WIN32)
+inline constexpr bool kLibraryLogsAlone = true;
+#else
+inline constexpr bool kLibraryLogsAlone = false;
+#endif
+
+// Has `handler` called each time the user or the system wants the program to end: Ctrl-C and the
+// like. It may run at any moment, on any thread.
+void OnInterrupt(void (*handler)(int));
+
 // Who else has a file open for writing, as the begin of a sentence; empty if nobody is to be seen.
 std::string Writer(const std::string& path);
 

@@ -1,6 +1,7 @@
 #include "system.h"
 
 #include <cerrno>
+#include <csignal>
 #include <cstdio>
 #include <fstream>
 
@@ -15,6 +16,14 @@ namespace fs = std::filesystem;
 std::vector<std::string> Arguments(int argc, char** argv)
 {
     return {argv + 1, argv + argc};
+}
+
+void OnInterrupt(void (*handler)(int))
+{
+    struct sigaction action {};
+    action.sa_handler = handler;
+    sigaction(SIGINT, &action, nullptr);
+    sigaction(SIGTERM, &action, nullptr);
 }
 
 std::string Writer(const std::string& path)

@@ -5,6 +5,7 @@
 #include <io.h>
 #include <shellapi.h>
 
+#include <csignal>
 #include <cstdio>
 
 // A macro of the system's has the name of ours.
@@ -16,6 +17,8 @@ std::error_code LastError()
 {
     return {static_cast<int>(GetLastError()), std::system_category()};
 }
+
+void (*g_interrupt)(int) = nullptr;
 
 // Opens a file that exists; `share` is what others may do with it meanwhile.
 HANDLE Open(const std::string& path, DWORD access, DWORD share)
@@ -39,6 +42,20 @@ std::vector<std::string> Arguments(int, char**)
     LocalFree(wide);
     SetConsoleOutputCP(CP_UTF8);
     return arguments;
+}
+
+void OnInterrupt(void (*handler)(int))
+{
+    g_interrupt = handler;
+    SetConsoleCtrlHandler(
+        [](DWORD event) -> BOOL {
+            g_interrupt(SIGINT);
+            // Of a closed window or a system that goes down, the process ends with this call.
+            if (event != CTRL_C_EVENT && event != CTRL_BREAK_EVENT)
+                Sleep(INFINITE);
+            return TRUE;
+        },
+        TRUE);
 }
 
 std::string Writer(const std::string& path)

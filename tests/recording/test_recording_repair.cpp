@@ -465,7 +465,9 @@ bool AProcessRecordsAndDies(const std::filesystem::path& path)
     wchar_t self[MAX_PATH];
     GetModuleFileNameW(nullptr, self, MAX_PATH);
     _wputenv_s(L"KVTEST_RECORD_TO", path.c_str());
-    _wputenv_s(L"GTEST_TOTAL_SHARDS", L"");  // or it might leave its only test to another shard
+    // Or it would leave its only test to another shard.
+    _wputenv_s(L"GTEST_TOTAL_SHARDS", L"");
+    _wputenv_s(L"GTEST_SHARD_INDEX", L"");
     return _wspawnl(_P_WAIT, self, L"recorder", L"--gtest_also_run_disabled_tests",
                     L"--gtest_filter=DISABLED_AKilledRecorder.*", nullptr) == 9;
 #else

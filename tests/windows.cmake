@@ -2,8 +2,11 @@
 # needs, Windows or Debian's packages for it do not have: FFmpeg's libraries (the second judge of
 # recovery, faults and length; encoders; cli), Linux's streams, whose every call is known
 # (`fault_proof calls`), file systems of their own (`fault_proof disks`, power).
+#
+# Python by its path: as a target, Python3::Interpreter, it would be started through wine, which does
+# not wait for a program of Linux, so that neither its status nor what it printed would be certain.
 add_test(NAME install.exported_names
-    COMMAND Python3::Interpreter ${CMAKE_CURRENT_SOURCE_DIR}/install/exports.py
+    COMMAND ${Python3_EXECUTABLE} ${CMAKE_CURRENT_SOURCE_DIR}/install/exports.py
         $<TARGET_FILE:kv_mp4> ${PROJECT_SOURCE_DIR}/include/kv_mp4.h)
 
 # Paths are UTF-8 in whatever locale; the old runtime's stays "C".
@@ -24,12 +27,12 @@ target_link_libraries(recorded PRIVATE kv_mp4 kv_mp4_warnings)
 set(KV_MP4_NATIVE_LIBRARY "" CACHE PATH "Folder of libkv_mp4.so, built from the same sources")
 if(KV_MP4_NATIVE_LIBRARY)
     add_test(NAME windows.same_bytes
-        COMMAND Python3::Interpreter ${CMAKE_CURRENT_SOURCE_DIR}/windows/same_bytes.py
+        COMMAND ${Python3_EXECUTABLE} ${CMAKE_CURRENT_SOURCE_DIR}/windows/same_bytes.py
             ${WINE64} $<TARGET_FILE:recorded> ${PROJECT_SOURCE_DIR} ${KV_MP4_NATIVE_LIBRARY})
     set_tests_properties(windows.same_bytes PROPERTIES TIMEOUT 300)
 endif()
 
 add_test(NAME windows.installed
-    COMMAND Python3::Interpreter ${CMAKE_CURRENT_SOURCE_DIR}/windows/test_installed.py
+    COMMAND ${Python3_EXECUTABLE} ${CMAKE_CURRENT_SOURCE_DIR}/windows/test_installed.py
         ${WINE64} ${PROJECT_SOURCE_DIR} ${PROJECT_BINARY_DIR} $<TARGET_FILE:recorded>)
 set_tests_properties(windows.installed PROPERTIES TIMEOUT 300)

@@ -192,6 +192,26 @@ class Repair(Folder):
         self.assertEqual(sum(report["found"]["loses"]["broken_samples"].values()), 1)
         self.assertEqual(report["saved"]["samples"]["time code"], 1)
 
+    def test_captions_are_saved_and_counted(self):
+        for kind, codec in ((1, "CEA-608"), (2, "CEA-708")):
+            log = (self.header + self.video + self.audio + struct.pack(">BIB", 6, 1000, kind) +
+                   self.log_of(59) + b"".join(struct.pack(">BQI", 7, 40 * i, 20)
+                                              for i in range(4)))
+            end = self.mdat + 8 + sum(sample[3] for sample in self.samples[:59])
+            caption = struct.pack(">I4s", 20, b"cdat") + 6 * b"\x80\x80"
+            path = self.killed(f"{codec}.mp4", log=log, media=(
+                self.whole[:self.mdat] + struct.pack(">I", 8) + self.whole[self.mdat + 4:end] +
+                4 * caption))
+            report = json.loads(self.repair("--json", path).stdout)
+            with self.subTest(codec):
+                self.assertEqual(report["found"]["log"]["tracks"][2]["codec"], codec)
+                self.assertEqual(report["action"], "repaired")
+                self.assertEqual(report["saved"]["samples"]["captions"], 3)
+                self.assertEqual(report["saved"]["samples"], report["found"]["keeps"]["samples"])
+                # Nothing more is to be had; a second repair finds the file as good as its log.
+                again = json.loads(self.repair("--json", path).stdout)
+                self.assertEqual(again["found"]["file"]["samples"], report["saved"]["samples"])
+
     def test_a_large_file_with_checkpoints_gets_its_mark_back(self):
         # 16 bytes of header, whose 32-bit size a checkpoint has replaced.
         start = self.whole[:self.mdat] + struct.pack(">I", 500000) + b"mdat" + bytes(8)

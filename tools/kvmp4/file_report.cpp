@@ -91,7 +91,12 @@ void AddTrack(Data trak, FileReport& report)
 {
     const Data mdia = Descend(trak, {"mdia"});
     const Data hdlr = Descend(mdia, {"hdlr"});
-    const std::string_view handler(hdlr.data() + 8, hdlr.size() < 12 ? 0 : 4);
+    if (hdlr.size() < 12)
+        return;
+    std::string_view handler(hdlr.data() + 8, 4);
+    // The library's caption tracks: the one type word stands first.
+    if (const std::string_view first(hdlr.data() + 4, 4); first == "clcp")
+        handler = first;
     static constexpr std::string_view kHandlers[] = {"vide", "soun", "clcp", "tmcd"};
     const auto kind = std::ranges::find(kHandlers, handler) - std::begin(kHandlers);
     if (kind == kTracks)

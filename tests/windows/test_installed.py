@@ -122,7 +122,13 @@ class Installed(unittest.TestCase):
         self.assertEqual(report["path"].replace("\\", "/"), str(dead))
         self.assertFalse(pathlib.Path(f"{dead}.info").exists())
         self.assertTrue(pathlib.Path(f"{dead}.bak.info").exists())
-        self.assertEqual(self.kvmp4("verify", "--tables-only", dead)[:5] != "", True)
+        self.assertEqual(report["saved"]["samples"], report["found"]["keeps"]["samples"])
+        # The index lies over as many bytes of the last sample as the time codes take.
+        self.assertEqual(report["found"]["loses"]["broken_samples"], {"video": 1})
+        verdict = json.loads(self.kvmp4("verify", "--json", dead, expected=12))
+        self.assertEqual([(finding["code"], finding["found"].split(" at ")[0])
+                          for finding in verdict["findings"] if finding["severity"] == "error"],
+                         [("sample-outside-mdat", "sample 60")])
 
     def test_kvmp4_refuses_as_elsewhere(self):
         whole, dead = self.record("f16v1a0.mp4")

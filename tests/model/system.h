@@ -52,9 +52,9 @@ private:
     int m_file;
 };
 
-// Calls `run` for each of so many jobs, in processes of their own, or for one in this process.
-// Whether each said true.
-bool RunJobs(uint64_t jobs, const std::function<bool(uint64_t job, uint64_t jobs)>& run);
+// Calls `run` for each of so many jobs, in processes of their own, or for one in this process. The
+// sum of what they say; a process that could not begin, or came to no good end, says nothing.
+uint64_t RunJobs(uint64_t jobs, const std::function<uint64_t(uint64_t job, uint64_t jobs)>& run);
 
 }  // namespace model
 

@@ -101,21 +101,34 @@ std::string Output::Take()
     return text;
 }
 
-bool RunJobs(uint64_t jobs, const std::function<bool(uint64_t job, uint64_t jobs)>& run)
+uint64_t RunJobs(uint64_t jobs, const std::function<uint64_t(uint64_t job, uint64_t jobs)>& run)
 {
     if (jobs == 1) {
         return run(0, 1);
     }
+    int counts[2];
+    if (pipe(counts) != 0) {
+        throw std::runtime_error("no pipe for the jobs");
+    }
     for (uint64_t job = 0; job < jobs; ++job) {
-        if (fork() == 0) {
-            _exit(run(job, jobs) ? 0 : 1);
+        const pid_t child = fork();
+        if (child == 0) {
+            const uint64_t count = run(job, jobs);
+            _exit(write(counts[1], &count, sizeof count) == sizeof count ? 0 : 1);
+        }
+        if (child < 0) {
+            std::perror("fork");
         }
     }
-    bool same = true;
-    for (int status = 0; wait(&status) > 0;) {
-        same = same && WIFEXITED(status) && WEXITSTATUS(status) == 0;
+    close(counts[1]);
+    uint64_t sum = 0;
+    for (uint64_t count = 0; read(counts[0], &count, sizeof count) == sizeof count;) {
+        sum += count;
     }
-    return same;
+    close(counts[0]);
+    while (wait(nullptr) > 0) {
+    }
+    return sum;
 }
 
 }  // namespace model

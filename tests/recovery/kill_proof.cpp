@@ -42,9 +42,8 @@ public:
             for (const TakePlan& plan : AllPlans())
                 m_takes.push_back(Record(plan));
         }
-        Kills();
-        Pairs();
-        return m_failures == 0;
+        const bool sound = Kills();
+        return Pairs() && sound;
     }
 
 private:
@@ -76,7 +75,7 @@ private:
 
     // ---- As it lies
 
-    void Kills()
+    bool Kills()
     {
         std::uint64_t all = 0;
         std::size_t recordings = 0;
@@ -109,17 +108,18 @@ private:
                 ++judged;
             }
         });
+        const bool sound = m_failures == 0 && judged == drawn && drawn > 0;
         std::printf("%llu of %llu killed states, of %zu recordings with %zu checkpoints: %s\n",
                     static_cast<unsigned long long>(judged), static_cast<unsigned long long>(all),
                     recordings, checkpoints,
-                    m_failures == 0 && judged == drawn
-                        ? "each opens, is sound and holds the samples of its checkpoint"
-                        : "NOT all are sound");
+                    sound ? "each opens, is sound and holds the samples of its checkpoint"
+                          : "NOT all are sound");
+        return sound;
     }
 
     // ---- Repaired
 
-    void Pairs()
+    bool Pairs()
     {
         std::vector<std::vector<WreckState>> states;
         for (std::size_t n = 0; n < m_takes.size(); ++n)
@@ -149,14 +149,16 @@ private:
                 }
             });
         }
+        const bool repaired =
+            m_failures == failures && judged == m_options.pairs && m_options.pairs > 0;
         std::printf(
             "%llu pairs of cut media and cut log, of %zu recordings: %s (%llu emptied, %llu "
             "without the mark of a 64-bit size)\n",
             static_cast<unsigned long long>(judged), m_takes.size(),
-            m_failures == failures && judged == m_options.pairs
-                ? "each is repaired to the samples of its log but the last"
-                : "NOT all are repaired as they must be",
+            repaired ? "each is repaired to the samples of its log but the last"
+                     : "NOT all are repaired as they must be",
             static_cast<unsigned long long>(emptied), static_cast<unsigned long long>(unmarked));
+        return repaired;
     }
 
     std::vector<WreckState> Wrecks(const Take& take, std::uint64_t count)

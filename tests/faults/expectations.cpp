@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <string_view>
 
 namespace kvtest {
 
@@ -14,8 +15,21 @@ namespace kvtest {
 void FaultReport::Add(const std::string& what, const std::string& where, const std::string& wrong)
 {
     ++m_runs[what];
-    if (wrong.empty())
-        return;
+    if (!wrong.empty())
+        Complain(where, what, wrong);
+}
+
+void FaultReport::Require(const std::string& what, const std::string& where, std::size_t struck,
+                          std::size_t wanted)
+{
+    if (struck < wanted)
+        Complain(where, what,
+                 "struck " + std::to_string(struck) + " times, not " + std::to_string(wanted));
+}
+
+void FaultReport::Complain(const std::string& where, const std::string& what,
+                           const std::string& wrong)
+{
     if (++m_wrong <= 20)
         std::fprintf(stderr, "%s, %s: %s\n", where.c_str(), what.c_str(), wrong.c_str());
 }
@@ -57,6 +71,11 @@ std::string CompareResults(const Scenario& scenario, const Failure& failure)
     const auto& results = scenario.Results();
     for (std::size_t n = 0; n < steps.size(); ++n) {
         const FaultStep& step = steps[n];
+        if (n == failure.logTold) {
+            if (results[n] != Status(MP4_ERR_DISK_FULL))
+                return Differs(step, n, results[n], Status(MP4_ERR_DISK_FULL));
+            continue;
+        }
         if (n == failure.step) {
             const auto& allowed = failure.atStep;
             if (std::find(allowed.begin(), allowed.end(), results[n]) == allowed.end())
@@ -110,33 +129,40 @@ std::string JudgeLastCheckpoint(const Scenario& scenario, const std::vector<unsi
     return wrong.empty() ? wrong : "the last checkpoint: " + wrong;
 }
 
-std::string JudgeKeptLog(const Scenario& scenario, const std::filesystem::path& media,
-                         std::size_t flushed)
+std::vector<std::size_t> PacketSteps(const Scenario& scenario)
 {
+    std::vector<std::size_t> steps;
+    for (std::size_t n = 1; n < scenario.Steps().size(); ++n) {
+        const FaultStep& step = scenario.Steps()[n];
+        const bool logs = step.answer == Answer::Refuses ||
+                          std::string_view(step.name).starts_with("time code");
+        if (logs && scenario.Results()[n] == Status(0))
+            steps.push_back(n);
+    }
+    return steps;
+}
+
+std::string JudgeKeptLog(const Scenario& scenario, const std::filesystem::path& media,
+                         std::size_t flushed, std::optional<std::size_t> packets)
+{
+    std::vector<std::size_t> named = PacketSteps(scenario);
+    if (!packets)  // the last one is lost; it may be that of a call that brings no sample
+        packets = named.empty() ? 0 : named.size() - 1;
+    named.resize(std::min(named.size(), *packets));
     // The samples of the log, in its order.
     std::vector<std::pair<std::size_t, Track>> logged;
+    Counts counts;
     for (const Track track : kAllTracks)
         for (const Sample& sample : scenario.Samples().tracks[track])
-            if (scenario.Results()[sample.step] == Status(0))
+            if (std::binary_search(named.begin(), named.end(), std::size_t{sample.step})) {
                 logged.emplace_back(sample.step, track);
+                ++counts.of[track];
+            }
     std::sort(logged.begin(), logged.end());
-    // The last packet is lost; it may be that of a call that brings no sample.
-    std::size_t lastPacket = 0;
-    for (std::size_t n = 0; n < scenario.Steps().size(); ++n) {
-        const Answer answer = scenario.Steps()[n].answer;
-        const bool logs = answer == Answer::Refuses || scenario.Steps()[n].name == std::string("time code");
-        if (logs && scenario.Results()[n] == Status(0))
-            lastPacket = n;
-    }
-    Counts counts;
-    for (const auto& [step, track] : logged)
-        counts.of[track] += step != lastPacket;
 
     // For each time code the moov begins 4 bytes ahead of the end of the data: these samples lose.
     std::int64_t overwritten = 4 * static_cast<std::int64_t>(counts.of[kTimeCode]);
     for (auto i = logged.rbegin(); i != logged.rend() && overwritten > 0; ++i) {
-        if (i->first == lastPacket)
-            continue;
         flushed = std::min(flushed, i->first);
         const auto& samples = scenario.Samples().tracks[i->second];
         overwritten -= std::find_if(samples.begin(), samples.end(), [i](const Sample& sample) {

@@ -32,10 +32,16 @@ class FaultReport {
 public:
     // One run; `wrong` is empty when all was as it must be.
     void Add(const std::string& what, const std::string& where, const std::string& wrong);
+    // A kind of fault that must have struck so often at least: a trap that catches nothing proves
+    // nothing.
+    void Require(const std::string& what, const std::string& where, std::size_t struck,
+                 std::size_t wanted);
     // Prints the counts; whether all was well.
     bool Print(const std::string& title) const;
 
 private:
+    void Complain(const std::string& where, const std::string& what, const std::string& wrong);
+
     std::map<std::string, std::size_t> m_runs;
     std::size_t m_wrong = 0;
 };
@@ -45,6 +51,7 @@ struct Failure {
     std::size_t step = 0;
     std::vector<StepResult> atStep;         // what the step may answer
     std::optional<std::uint32_t> later;     // what refusing calls and the close answer then
+    std::optional<std::size_t> logTold = {};  // a step ahead that told of the end of the log
 };
 
 // Empty when the results of the last run are those of a run with this failure.
@@ -57,10 +64,14 @@ std::string CompareResults(const Scenario& scenario);
 std::string JudgeLastCheckpoint(const Scenario& scenario, const std::vector<unsigned>& checkpoints,
                                 std::size_t step, unsigned within, const Bytes& media);
 
-// Repairs the pair and looks for the samples that its log must name: those of all steps that
-// answered 0, but the last. The samples of the steps ahead of `flushed` must be intact as well.
+// The steps of the last run that answered 0 and so have a packet each, in the order of the log.
+std::vector<std::size_t> PacketSteps(const Scenario& scenario);
+
+// Repairs the pair and looks for the samples that its log must name: those of all packets but the
+// last, or of the first so many where the log is not whole. The samples of the steps ahead of
+// `flushed` must be intact as well.
 std::string JudgeKeptLog(const Scenario& scenario, const std::filesystem::path& media,
-                         std::size_t flushed);
+                         std::size_t flushed, std::optional<std::size_t> packets = {});
 
 // All of a file; nothing for none.
 Bytes Content(const std::filesystem::path& path);

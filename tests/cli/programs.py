@@ -1,5 +1,7 @@
 """What the tests of kvmp4 share: the programs they run, and a folder of their own."""
+import errno
 import os
+import re
 import subprocess
 import tempfile
 import unittest
@@ -10,6 +12,47 @@ SCRATCH = "/dev/shm" if os.path.isdir("/dev/shm") else None
 def run(*command, **options):
     return subprocess.run(command, capture_output=True, text=True, stdin=subprocess.DEVNULL,
                           timeout=120, **options)
+
+
+def run_into_a_full_disk(*command):
+    """What is printed to standard output is lost; standard error is not."""
+    with open("/dev/full", "w", encoding="ascii") as full:
+        return subprocess.run(command, stdout=full, stderr=subprocess.PIPE, text=True,
+                              stdin=subprocess.DEVNULL, timeout=120, check=False)
+
+
+def unreadable():
+    """A regular file that opens and cannot be read, if the system has one."""
+    path = "/sys/class/net/lo/duplex"
+    try:
+        with open(path, "rb") as file:
+            file.read()
+    except OSError as error:
+        return path if error.errno == errno.EINVAL else None
+    return None
+
+
+def undocumented(report, skip=()):
+    """The fields of a JSON report that docs/json-reports.md does not name. What lies below the
+    fields to skip has names of its own."""
+    page = os.path.join(os.path.dirname(__file__), "..", "..", "docs", "json-reports.md")
+    with open(page, encoding="utf-8") as file:
+        names = {name.rsplit(".", 1)[-1].removesuffix("[]")
+                 for name in re.findall(r"`([^`\n]+)`", file.read())}
+    missing = set()
+
+    def look(value):
+        if isinstance(value, list):
+            for item in value:
+                look(item)
+        elif isinstance(value, dict):
+            for name, item in value.items():
+                if name not in names:
+                    missing.add(name)
+                if name not in skip:
+                    look(item)
+    look(report)
+    return missing
 
 
 def ffmpeg(*arguments):

@@ -12,7 +12,7 @@ import struct
 import sys
 import unittest
 
-from programs import InFolder, decoded, ffmpeg, run
+from programs import InFolder, decoded, ffmpeg, run, run_into_a_full_disk, undocumented
 
 KVMP4 = os.path.abspath(sys.argv.pop(1))
 
@@ -164,6 +164,7 @@ class Repair(Folder):
         self.assertEqual(report["found"]["loses"]["unlogged_bytes"], self.samples[59][3])
         self.assertEqual(report["saved"]["samples"], samples)
         self.assertEqual(report["saved"]["size"], os.path.getsize(path))
+        self.assertEqual(undocumented(report), set())
 
     def test_samples_beyond_the_end_of_the_file_are_told(self):
         path = self.killed()
@@ -183,11 +184,7 @@ class Repair(Folder):
         self.assertTrue(os.path.exists(path + ".info"))
 
     def test_a_time_code_costs_four_bytes_of_the_last_sample(self):
-        log = (self.header + struct.pack(">BIQBI", 8, 25, 1, 25, 0) + struct.pack(">BI", 9, 0) +
-               self.video + self.audio + self.log_of(60))
-        data = self.whole[self.mdat + 8:self.moov]
-        path = self.killed(log=log, media=self.whole[:self.mdat] + struct.pack(">I", 8) + b"mdat" +
-                           bytes(4) + data)
+        path = self.with_time_code()
         report = json.loads(self.repair("--json", path).stdout)
         self.assertEqual(sum(report["found"]["loses"]["broken_samples"].values()), 1)
         self.assertEqual(report["saved"]["samples"]["time code"], 1)
@@ -220,7 +217,87 @@ class Repair(Folder):
         self.repair(path)
         self.assertEqual(decoded(path, "v"), self.pictures_before(59))
 
+    def with_time_code(self):
+        log = (self.header + struct.pack(">BIQBI", 8, 25, 1, 25, 0) + struct.pack(">BI", 9, 0) +
+               self.video + self.audio + self.log_of(60))
+        data = self.whole[self.mdat + 8:self.moov]
+        return self.killed(log=log, media=self.whole[:self.mdat] + struct.pack(">I", 8) + b"mdat" +
+                           bytes(4) + data)
+
+    def test_a_second_repair_with_a_time_code_changes_nothing(self):
+        path = self.with_time_code()
+        self.repair(path)
+        first = content(path)
+        report = json.loads(self.repair("--json", path).stdout)
+        self.assertEqual(content(path), first)
+        # The last sample ends under the index.
+        self.assertEqual(sum(report["found"]["file"]["samples"].values()), 59)
+        self.assertEqual(sum(report["found"]["keeps"]["samples"].values()), 60)
+
+    def test_captions_that_are_all_empty_are_saved(self):
+        log = (self.header + self.video + self.audio + struct.pack(">BIB", 6, 1000, 1) +
+               self.log_of(59) + b"".join(struct.pack(">BQI", 7, 40 * i, 0) for i in range(4)))
+        path = self.killed(count=59, log=log)
+        for _ in range(2):
+            report = json.loads(self.repair("--json", path).stdout)
+            self.assertEqual(report["saved"]["samples"]["captions"], 3)
+        self.assertEqual(report["found"]["file"]["samples"], report["saved"]["samples"])
+
+    def test_what_stands_behind_a_damage_is_not_said_to_be_cut(self):
+        log = self.header + self.video + self.audio + self.log_of(30) + b"\x63" + self.log_of(9)
+        path = self.killed(log=log)
+        size = os.path.getsize(path)
+        text = self.repair("--delete-log", path, code=11).stdout
+        self.assertIn("are not cut, but the index is written over the first of them", text)
+        self.assertIn(f"The log {path}.info was not deleted: it is damaged.", text)
+        self.assertEqual(os.path.getsize(path), size)
+        report = json.loads(self.repair("--json", "--backup", "--delete-log", path, code=11).stdout)
+        self.assertEqual(report["log_deleted"], False)
+        self.assertEqual(undocumented(report), set())
+
+    def test_a_deleted_log_is_told(self):
+        path = self.killed()
+        self.assertEqual(json.loads(self.repair("--json", path).stdout)["log_deleted"], False)
+        report = json.loads(self.repair("--json", "--delete-log", path).stdout)
+        self.assertEqual(report["log_deleted"], True)
+
+    @unittest.skipIf(os.geteuid(), "only root can become somebody else")
+    def test_a_log_that_cannot_be_deleted_is_told(self):
+        path = self.killed()
+        for one in (path, path + ".info"):
+            os.chmod(one, 0o666)
+        os.chmod(self.folder.name, 0o755)
+        text = self.repair("--delete-log", path, user=65534).stdout
+        self.assertIn(f"The log {path}.info was not deleted: the system does not allow it.", text)
+        self.assertTrue(os.path.exists(path + ".info"))
+
     # ---- Refusals
+
+    def test_a_path_that_is_not_utf8_is_refused(self):
+        path = self.killed()
+        other = os.fsencode(self.path("take")) + b"\xe9.mp4"
+        for suffix in ("", ".info"):
+            write(other + suffix.encode(), content(path + suffix))
+        result = self.repair("--force", other, code=2)
+        self.assertIn("not valid UTF-8", result.stderr)
+        self.assertEqual(content(other), content(path))
+        named = self.killed("t\u00e4ke \n\U0001f3a5.mp4")
+        self.repair(named)
+        self.assertEqual(decoded(named, "v"), self.pictures_before(59))
+
+    def test_data_beyond_4_gib_without_64_bit_sizes_are_refused(self):
+        log = self.header + self.video + self.audio + b"".join(
+            struct.pack(">BQQBI", 4, 512 * i, 512 * i, 1, 1500000000) for i in range(4))
+        path = self.killed(log=log)
+        os.truncate(path, self.mdat + 8 + 3 * 1500000000)
+        size = os.path.getsize(path)
+        result = self.repair(path, code=10)
+        self.assertIn("not recorded as a large file", result.stderr)
+        self.assertEqual(os.path.getsize(path), size)
+        # Half of it is no trouble.
+        write(path + ".info", log[:-2 * 22])
+        self.repair("--dry-run", path)
+        os.remove(path)
 
     def test_a_log_of_a_header_alone_is_refused_unless_forced(self):
         path = self.killed(log=self.header)
@@ -343,6 +420,15 @@ class Repair(Folder):
         self.repair(path)  # with room again
         self.assertEqual(decoded(path, "v"), self.pictures_before(59))
 
+    def test_a_report_that_is_lost_is_told(self):
+        for arguments in ((), ("--json",)):
+            path = self.killed()
+            result = run_into_a_full_disk(KVMP4, "repair", *arguments, path)
+            self.assertEqual(result.returncode, 6)
+            self.assertIn("standard output", result.stderr)
+            # The repair itself is done.
+            self.assertEqual(decoded(path, "v"), self.pictures_before(59))
+
     def test_usage(self):
         self.repair(code=2)
         self.repair("--unknown", self.clip, code=2)
@@ -352,6 +438,7 @@ class Repair(Folder):
         report = json.loads(self.repair("--json", self.path("nowhere.mp4"), code=3).stdout)
         self.assertEqual((report["exit_code"], report["action"]), (3, "none"))
         self.assertIn("cannot be opened", report["error"])
+        self.assertEqual(undocumented(report), set())
 
 
 class RecordSafely(Folder):

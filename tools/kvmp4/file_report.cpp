@@ -58,8 +58,15 @@ Data Descend(Data data, std::initializer_list<std::string_view> path)
     return data;
 }
 
-// How many samples of a track end inside the file.
-std::uint64_t CountReachable(Data stbl, std::uint64_t samples, std::uint64_t fileSize)
+// A stretch of the file.
+struct Range {
+    std::uint64_t begin;
+    std::uint64_t end;
+};
+
+// How many samples of a track lie inside the data. With time codes a repair writes the index over
+// the end of the last sample, which does not count then.
+std::uint64_t CountReachable(Data stbl, std::uint64_t samples, std::span<const Range> data)
 {
     const Data sizes = Descend(stbl, {"stsz"});
     const Data groups = Descend(stbl, {"stsc"});
@@ -79,15 +86,20 @@ std::uint64_t CountReachable(Data stbl, std::uint64_t samples, std::uint64_t fil
         for (std::uint64_t chunk = first; chunk < next && sample < samples; ++chunk) {
             std::uint64_t end = Number(chunks, 8 + width * (chunk - 1), width);
             for (std::uint64_t i = 0; i < perChunk && sample < samples; ++i, ++sample) {
-                end += oneSize != 0 ? oneSize : Number(sizes, 12 + 4 * sample, 4);
-                reachable += end <= fileSize;
+                const std::uint64_t begin = end;
+                // Samples that all have 0 bytes need no list, like all of one size.
+                if (oneSize != 0 || sizes.size() > 12)
+                    end += oneSize != 0 ? oneSize : Number(sizes, 12 + 4 * sample, 4);
+                reachable += std::ranges::any_of(data, [&](const Range& range) {
+                    return begin >= range.begin && end <= range.end;
+                });
             }
         }
     }
     return reachable;
 }
 
-void AddTrack(Data trak, FileReport& report)
+void AddTrack(Data trak, std::span<const Range> data, FileReport& report)
 {
     const Data mdia = Descend(trak, {"mdia"});
     const Data hdlr = Descend(mdia, {"hdlr"});
@@ -110,14 +122,14 @@ void AddTrack(Data trak, FileReport& report)
         timescale != 0 ? static_cast<double>(duration) / static_cast<double>(timescale) : 0;
     const Data stbl = Descend(mdia, {"minf", "stbl"});
     track.samples = Number(Descend(stbl, {"stsz"}), 8, 4);
-    track.reachable = CountReachable(stbl, track.samples, report.size);
+    track.reachable = CountReachable(stbl, track.samples, data);
 }
 
-void ReadIndex(Data moov, FileReport& report)
+void ReadIndex(Data moov, std::span<const Range> data, FileReport& report)
 {
     std::size_t position = 0;
     while (const auto trak = Find(moov, "trak", &position))
-        AddTrack(*trak, report);
+        AddTrack(*trak, data, report);
 }
 
 std::vector<char> ReadAt(std::ifstream& file, std::uint64_t position, std::uint64_t size)
@@ -125,7 +137,11 @@ std::vector<char> ReadAt(std::ifstream& file, std::uint64_t position, std::uint6
     std::vector<char> bytes(size);
     file.clear();
     file.seekg(static_cast<std::streamoff>(position));
+    errno = 0;
     file.read(bytes.data(), static_cast<std::streamsize>(size));
+    if (file.bad())
+        throw Failure(kExitInput, "the file cannot be read: " +
+                                      std::generic_category().message(errno != 0 ? errno : EIO));
     bytes.resize(static_cast<std::size_t>(file.gcount()));
     return bytes;
 }
@@ -161,6 +177,8 @@ FileReport ReadFile(const std::string& path)
 {
     FileReport report;
     std::ifstream file = Open(path, report.size);
+    std::vector<char> moov;
+    std::vector<Range> data;
     std::uint64_t position = 0;
     while (position + 8 <= report.size) {
         const std::vector<char> head = ReadAt(file, position, 16);
@@ -168,25 +186,33 @@ FileReport ReadFile(const std::string& path)
             break;
         std::uint64_t size = Number(head, 0, 4);
         const std::string_view name(head.data() + 4, 4);
+        if (size == 0 && name == "mdat" && report.index)
+            size = report.size - position;
         if (size == 1)
             size = head.size() == 16 ? Number(head, 8, 8) : 0;
         if (name == "ftyp" && head.size() >= 12) {
             report.hasType = true;
             report.quickTime = std::string_view(head.data() + 8, 4) == "qt  ";
         }
+        if (name == "mdat" && report.index && size > report.size - position)
+            size = report.size - position;  // cut off behind its index
         if (size < 8 || size > report.size - position)
             break;
-        if (name == "moov") {
-            const std::vector<char> moov = ReadAt(file, position + 8, size - 8);
-            try {
-                ReadIndex(moov, report);
-                report.index = position;
-            } catch (const std::out_of_range&) {
-                report.tracks = {};  // damaged: as good as none
-            }
-            break;
+        if (name == "mdat")
+            data.push_back({position, position + size});
+        if (name == "moov" && !report.index) {
+            report.index = position;
+            moov = ReadAt(file, position + 8, size - 8);
         }
         position += size;
+    }
+    if (report.index) {
+        try {
+            ReadIndex(moov, data, report);
+        } catch (const std::out_of_range&) {
+            report.index.reset();  // damaged: as good as none
+            report.tracks = {};
+        }
     }
     return report;
 }

@@ -11,7 +11,7 @@
 
 struct IndexedTrack {
     std::uint64_t samples = 0;
-    std::uint64_t reachable = 0;  // of these, the ones that lie inside the file
+    std::uint64_t reachable = 0;  // of these, the ones that lie inside an `mdat`
     double seconds = 0;
 };
 

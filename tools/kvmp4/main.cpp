@@ -15,9 +15,11 @@
 #include <algorithm>
 #include <csignal>
 #include <cstdint>
+#include <cstdio>
 #include <exception>
 #include <map>
 #include <string>
+#include <system_error>
 #include <vector>
 
 #if KVMP4_CAN_RECORD
@@ -143,12 +145,13 @@ would empty the file, or where the file plays as it lies with more than the log 
 with --safe does that was killed soon after a checkpoint. --force repairs it all the same. Give the
 path that the file was recorded to: a "mov" in it decides its kind.
 
-The log stays, and the repair can be repeated, unless --delete-log removes it. With --backup both
-files are copied first, to FILE.bak and FILE.bak.info.
+The log stays, and the repair can be repeated, unless --delete-log removes it; a damaged one always
+stays. With --backup both files are copied first, to FILE.bak and FILE.bak.info.
 
 Exit codes: 0 repaired, or nothing speaks against it (--dry-run); 1 other; 2 usage; 3 the file cannot
-be opened; 5 the backup cannot be made; 6 a write failed; 7 there is no log; 8 the log cannot be read;
-9 it is not a log; 10 refused; 11 the log is damaged, and what came before the damage is repaired.)";
+be opened or read; 5 the backup cannot be made; 6 a write failed, that of the report among them; 7 there
+is no log; 8 the log cannot be read; 9 it is not a log; 10 refused; 11 the log is damaged, and what came
+before the damage is repaired.)";
 
 constexpr char kVerifyHelp[] = R"(
 Judges the structure of an MP4 or MOV file, whoever wrote it: the sizes and the nesting of its boxes,
@@ -161,7 +164,7 @@ Notes are about what is unusual and meant to be so; they appear with --verbose a
 change no verdict.
 
 Exit codes: 0 sound; 12 errors; 13 nothing worse than warnings; 2 usage; 3 the file cannot be opened
-or read; 14 it is neither an MP4 nor a MOV file.)";
+or read; 6 the report cannot be written; 14 it is neither an MP4 nor a MOV file.)";
 
 constexpr char kInspectHelp[] = R"(
 Shows what an MP4 or MOV file, whoever wrote it, is made of: its tracks in a line each, and its boxes
@@ -183,6 +186,22 @@ log.)";
 int Fail(ExitCode code, const std::string& sentence)
 {
     fmt::print(stderr, "kvmp4: {}\n", sentence);
+    return code;
+}
+
+// Runs what reports on standard output. A report that is lost there is a write that failed.
+template <typename Options>
+int Report(int (*run)(const Options&), const Options& options)
+{
+    int code = kExitOk;
+    try {
+        code = run(options);
+    } catch (const std::system_error&) {
+        if (!std::ferror(stdout))
+            throw;
+    }
+    if (std::fflush(stdout) != 0 || std::ferror(stdout))
+        throw Failure(kExitWrite, "the report cannot be written to standard output");
     return code;
 }
 
@@ -256,11 +275,11 @@ int main(int argc, char** argv)
 
     try {
         if (repair->parsed())
-            return Repair(repairOptions);
+            return Report(Repair, repairOptions);
         if (inspect->parsed())
-            return Inspect(inspectOptions);
+            return Report(Inspect, inspectOptions);
         if (verify->parsed())
-            return Verify(verifyOptions);
+            return Report(Verify, verifyOptions);
 #if KVMP4_CAN_RECORD
         if (record->parsed())
             Record(options);

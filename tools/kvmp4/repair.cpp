@@ -1,5 +1,6 @@
 #include "repair.h"
 
+#include "box_tree.h"
 #include "failure.h"
 #include "file_report.h"
 #include "log_report.h"
@@ -14,6 +15,7 @@
 #include <cerrno>
 #include <filesystem>
 #include <fstream>
+#include <limits>
 #include <string>
 #include <system_error>
 
@@ -41,6 +43,16 @@ std::uint64_t Sum(const std::array<std::uint64_t, kTracks>& counts)
     return sum;
 }
 
+// Whether the library reads this path as the one it is. Readable text has a dot for each byte that is
+// no UTF-8, and for each control character, of which names may have some.
+bool IsUtf8(const std::string& path)
+{
+    const std::string readable = ReadableText(path);
+    return std::ranges::equal(path, readable, [](char own, char shown) {
+        return own == shown || static_cast<unsigned char>(own) < 0x80;
+    });
+}
+
 // Throws where the log is no log at all.
 void CheckLog(const std::string& path, const LogReport& log)
 {
@@ -61,6 +73,9 @@ Plan MakePlan(const std::string& path, const FileReport& file, const LogReport& 
 
     const bool announced = log.tracks[kVideoTrack].announced || log.tracks[kAudioTrack].announced;
     const bool movPath = path.find("mov") != std::string::npos;
+    // The index of a recording without 64-bit sizes has 32 bits for the place of a sample.
+    const bool tooLong = !(log.flags & MP4_OPEN_LARGE_FILE) &&
+                         log.indexStart > std::numeric_limits<std::uint32_t>::max();
     if (const std::string writer = std::max(Writer(path), Writer(path + ".info")); !writer.empty())
         plan.refusal = writer + " is still writing it";
     else if (!log.hasHeader)
@@ -80,6 +95,9 @@ Plan MakePlan(const std::string& path, const FileReport& file, const LogReport& 
         plan.refusal = fmt::format("the file plays as it lies with {} samples, and a repair would "
                                    "leave {}",
                                    file.Samples(), Sum(plan.kept) - Sum(plan.broken));
+    else if (tooLong)
+        plan.refusal = "its data go beyond 4 GiB, it was not recorded as a large file, and a repaired "
+                       "one would not play";
     else if (file.hasType && movPath != file.quickTime)
         plan.refusal = file.quickTime
                            ? "this is a QuickTime file, but its path does not contain \"mov\": give "
@@ -137,7 +155,11 @@ void PrintFindings(const RepairOptions& options, const FileReport& file, const L
     else
         fmt::print("The last packet of the log is lost{}.\n",
                    log.lost.empty() ? "" : " (" + log.lost + ")");
-    if (plan.unlogged != 0)
+    if (plan.unlogged != 0 && !log.damage.empty())
+        fmt::print("The {} bytes behind the last sample before the damage are not cut, but the index is "
+                   "written over the first of them; they may hold frames: keep a copy (--backup).\n",
+                   plan.unlogged);
+    else if (plan.unlogged != 0)
         fmt::print("The {} bytes behind the last sample of the log are cut; they may hold frames that "
                    "it does not name.\n",
                    plan.unlogged);
@@ -216,7 +238,7 @@ public:
 
     int Go()
     {
-        const std::string log = m_options.file + ".info";
+        const std::string log = LogPath();
         CheckPaths(log);
         m_file = ReadFile(m_options.file);
         m_log = ReadLog(log);
@@ -258,10 +280,15 @@ public:
     }
 
 private:
+    std::string LogPath() const { return m_options.file + ".info"; }
+
     void CheckPaths(const std::string& log) const
     {
         const std::string& path = m_options.file;
         std::error_code error;
+        if (!IsUtf8(path))
+            throw Failure(kExitUsage, "the path of the file is not valid UTF-8, and the library could "
+                                      "take it for another one: rename the file and its log first");
         if (path.size() > kLongestPath)
             throw Failure(kExitUsage, "the path of the file is too long");
         const fs::file_status status = fs::status(PathOf(path), error);
@@ -301,9 +328,16 @@ private:
                     throw Failure(kExitWrite, "the repair of " + m_options.file +
                                                   " did not save what the log names" + Remains());
         }
-        if (!m_options.json)
+        std::error_code error;
+        const bool deleted = !fs::exists(fs::symlink_status(PathOf(LogPath()), error));
+        m_json["log_deleted"] = deleted;
+        if (!m_options.json) {
             fmt::print("Repaired: {} bytes, {:.1f} s, {}.\n", result.size, result.Seconds(),
                        Samples(Reachable(result)));
+            if (m_options.deleteLog && !deleted)
+                fmt::print("The log {} was not deleted: {}.\n", LogPath(),
+                           m_log.damage.empty() ? "the system does not allow it" : "it is damaged");
+        }
         return m_log.damage.empty() ? kExitOk : kExitPartly;
     }
 

@@ -14,7 +14,7 @@ import xml.etree.ElementTree
 
 from boxes import Editor, walk
 from media import Media
-from programs import InFolder, run
+from programs import InFolder, run, run_into_a_full_disk, undocumented, unreadable
 
 KVMP4 = os.path.abspath(sys.argv.pop(1))
 STBL = "moov/trak[1]/mdia/minf/stbl"
@@ -106,6 +106,16 @@ class Boxes(Case):
         self.assertEqual((hdlr["handler"], hdlr["name"]), ("vide", "VideoHandler"))
         self.assertEqual(self.box(report, "moov/udta/meta/ilst/\u00a9nam/data")["fields"]["value"],
                          "T")
+
+    def test_the_names_of_a_report_are_documented(self):
+        cut = self.edited(self.media.of_ffmpeg("fragments.mp4")).data[:-9]
+        log = self.written("named.mp4.info", LOG + b"\x63abc")
+        for path, code in ((self.own(), 0), (self.written("named.mp4", cut), 12), (log, 12)):
+            report = self.json("--packets", path, code=code)
+            for packet in report.get("set up", []) + report.get("listed", []):
+                for name in list(packet)[2:]:
+                    del packet[name]
+            self.assertEqual(undocumented(report, skip=("fields", "counts")), set())
 
     def test_tables_are_runs(self):
         report = self.json(self.own())
@@ -200,6 +210,18 @@ class Damaged(Case):
                 self.assertEqual((result.returncode, result.stdout), (code, ""), result.stderr)
                 if code != 2:
                     self.assertRegex(result.stderr, r"^kvmp4: [^\n]+\n$")
+
+    def test_a_report_that_is_lost_is_told(self):
+        for options in ((), ("--json",), ("--all",)):
+            result = run_into_a_full_disk(KVMP4, "inspect", *options, self.own())
+            self.assertEqual(result.returncode, 6)
+            self.assertRegex(result.stderr, r"^kvmp4: [^\n]*standard output\n$")
+
+    @unittest.skipUnless(unreadable(), "no file that opens and cannot be read")
+    def test_a_read_error_is_no_damage(self):
+        result = run(KVMP4, "inspect", unreadable())
+        self.assertEqual((result.returncode, result.stdout), (3, ""))
+        self.assertIn("Invalid argument", result.stderr)
 
 
 # A log by hand: safe mode and info file, mdat at 36.
@@ -325,6 +347,15 @@ class Maps(Case):
         self.assertEqual(run(KVMP4, "inspect", "--map", path, self.own()).returncode, 5)
         with open(path, "rb") as file:
             self.assertEqual(file.read(), b"kept")
+
+    def test_a_map_never_overwrites_what_it_shows(self):
+        path, other = self.written("take.mp4", self.edited().data), self.media.path("linked.svg")
+        os.link(path, other)
+        for name in (path, other):
+            result = run(KVMP4, "inspect", "-y", "--map", name, path)
+            self.assertEqual((result.returncode, result.stdout), (5, ""))
+            self.assertIn("would overwrite the file", result.stderr)
+        self.assertEqual(self.edited(path).data, self.edited().data)
 
 
 if __name__ == "__main__":

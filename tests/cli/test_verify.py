@@ -18,7 +18,7 @@ import faults_codecs  # plants more
 import faults_tables  # and more
 from boxes import Editor, box, walk
 from media import OF_FFMPEG, OF_GSTREAMER, Media
-from programs import InFolder, run
+from programs import InFolder, run, run_into_a_full_disk, undocumented, unreadable
 
 KVMP4 = os.path.abspath(sys.argv.pop(1))
 DAMAGE = os.path.abspath(sys.argv.pop(1))
@@ -300,6 +300,16 @@ class Program(Case):
         self.assertEqual((report["verdict"], report["errors"], report["warnings"]), ("sound", 0, 0))
         self.assertEqual(report["size"], os.path.getsize(self.sound()))
 
+    def test_the_fields_of_the_json_report_are_documented(self):
+        with open(self.sound(), "rb") as file:
+            editor = Editor(file.read())
+        stss = "moov/trak[1]/mdia/minf/stbl/stss"
+        editor.splice(stss, 16, 4 * editor.get(stss, 12), (1).to_bytes(4, "big") * 9)
+        editor.put(stss, 12, 9)
+        report = json.loads(run(KVMP4, "verify", "--json", self.written(editor.data)).stdout)
+        self.assertTrue(any("more" in finding for finding in report["findings"]))
+        self.assertEqual(undocumented(report), set())
+
     def test_what_is_unusual_on_purpose_is_told_with_verbose(self):
         tracks = sources(self.media)["tracks"]()
         self.assertNotIn("note", run(KVMP4, "verify", tracks).stdout)
@@ -344,6 +354,27 @@ class Program(Case):
                 self.assertEqual((result.returncode, result.stdout), (code, ""))
                 self.assertRegex(result.stderr, r"^kvmp4: [^\n]+\n$")
         self.assertEqual(run(KVMP4, "verify").returncode, 2)
+
+    def test_a_type_of_odd_bytes_is_told_in_json(self):
+        with open(self.sound(), "rb") as file:
+            editor = Editor(file.read())
+        at = editor.begin("moov/trak[1]/mdia/minf/vmhd") + 4
+        editor.data[at] = 0xff
+        code, findings = self.verify(self.written(editor.data))
+        self.assertEqual(code, 12)
+        self.assertIn(".mhd of a vide track", [f["found"] for f in findings])
+
+    def test_a_report_that_is_lost_is_told(self):
+        for options in ((), ("--json",)):
+            result = run_into_a_full_disk(KVMP4, "verify", *options, self.sound())
+            self.assertEqual(result.returncode, 6)
+            self.assertRegex(result.stderr, r"^kvmp4: [^\n]*standard output\n$")
+
+    @unittest.skipUnless(unreadable(), "no file that opens and cannot be read")
+    def test_a_read_error_is_no_damage(self):
+        result = run(KVMP4, "verify", unreadable())
+        self.assertEqual((result.returncode, result.stdout), (3, ""))
+        self.assertIn("Invalid argument", result.stderr)
 
     def test_whatever_the_damage_it_comes_back(self):
         files = [self.sound(), self.media.of_ffmpeg("fragments.mp4"),

@@ -1,5 +1,7 @@
 #include "byte_source.h"
 
+#include "failure.h"
+
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
@@ -23,6 +25,7 @@ std::string FileSource::Open(const std::string& path)
         return "it is a folder";
     if (!std::filesystem::is_regular_file(status))
         return "it is no regular file";
+    m_path = path;
     errno = 0;
     m_file.open(name, std::ios::binary);
     if (!m_file)
@@ -35,7 +38,11 @@ std::size_t FileSource::Fill(std::uint64_t at, std::uint8_t* to, std::size_t cou
 {
     m_file.clear();
     m_file.seekg(static_cast<std::streamoff>(at));
+    errno = 0;
     m_file.read(reinterpret_cast<char*>(to), static_cast<std::streamsize>(count));
+    if (m_file.bad())
+        throw Failure(kExitInput, "cannot read " + m_path + ": " +
+                                      std::generic_category().message(errno != 0 ? errno : EIO));
     return static_cast<std::size_t>(std::max<std::streamsize>(m_file.gcount(), 0));
 }
 

@@ -1,5 +1,6 @@
 // Random access to the bytes of a file, or of a buffer, with 64-bit positions. Needs no system call
-// beyond the standard library's; says what it could not read and never throws on a short file.
+// beyond the standard library's; says what it could not read and never throws on a short file, but a
+// Failure where the system cannot read what is there.
 #pragma once
 
 #include <array>
@@ -30,6 +31,7 @@ private:
     std::size_t Fill(std::uint64_t at, std::uint8_t* to, std::size_t count);
 
     std::ifstream m_file;
+    std::string m_path;
     std::uint64_t m_size = 0;
     std::vector<std::uint8_t> m_window;
     std::uint64_t m_windowAt = 0;

@@ -25,7 +25,12 @@ using Print = std::function<void(const std::string&)>;
 
 std::string Value(const Json& value)
 {
-    return value.is_string() ? value.get<std::string>() : value.dump();
+    return value.is_string() ? value.get<std::string>() : value.dump(-1, ' ', false, Json::error_handler_t::replace);
+}
+
+std::string Text(const Json& json)
+{
+    return json.dump(2, ' ', false, Json::error_handler_t::replace);
 }
 
 // "version 0, timescale 1000"
@@ -220,7 +225,7 @@ void ShowMovie(ByteSource& source, const Contents& contents, const InspectOption
         for (const Box& box : contents.tree.children)
             json["boxes"].push_back(BoxJson(source, box, contents.tree, options.all));
         json["damage"] = Damage(contents.findings);
-        print(json.dump(2));
+        print(Text(json));
         return;
     }
     print(fmt::format("{}: {} bytes", options.file, source.Size()));
@@ -277,7 +282,7 @@ bool ShowInfo(ByteSource& source, const InspectOptions& options, const Print& pr
         json["end"] = info.end;
         if (!info.stopped.empty())
             json["stopped"] = info.stopped;
-        print(json.dump(2));
+        print(Text(json));
         return !info.damaged;
     }
     print(fmt::format("{}: log of {} bytes", options.file, source.Size()));
@@ -298,12 +303,14 @@ bool ShowInfo(ByteSource& source, const InspectOptions& options, const Print& pr
 void WriteMap(ByteSource& source, const Contents& contents, const InspectOptions& options)
 {
     const std::filesystem::path path(std::u8string(options.map.begin(), options.map.end()));
+    const std::filesystem::path name(std::u8string(options.file.begin(), options.file.end()));
     std::error_code unused;
+    if (std::filesystem::equivalent(path, name, unused))
+        throw Failure(kExitOutput, fmt::format("the map {} would overwrite the file", options.map));
     if (!options.overwrite && std::filesystem::exists(path, unused))
         throw Failure(kExitOutput,
                       fmt::format("{} is there already (-y overwrites it)", options.map));
     const bool page = path.extension() == ".html" || path.extension() == ".htm";
-    const std::filesystem::path name(std::u8string(options.file.begin(), options.file.end()));
     const std::u8string title = name.filename().u8string();
     const auto regions = FileRegions(source, contents.tree, contents.movie);
     std::ofstream file(path, std::ios::binary);

@@ -7,6 +7,8 @@
 
 #include <cstdio>
 
+using Json = nlohmann::ordered_json;
+
 bool Judge(ByteSource& source, bool tablesOnly, Findings& findings)
 {
     const Box tree = ReadTree(source, findings);
@@ -34,13 +36,13 @@ int Verify(const VerifyOptions& options)
     const std::uint64_t warnings = findings.Count(Severity::warning);
     const char* const verdict = errors > 0 ? "damaged" : warnings > 0 ? "doubtful" : "sound";
     if (options.json) {
-        const nlohmann::ordered_json json = {{"file", ReadableText(options.file)},
+        const Json json = {{"file", ReadableText(options.file)},
                                              {"size", source.Size()},
                                              {"verdict", verdict},
                                              {"errors", errors},
                                              {"warnings", warnings},
                                              {"findings", FindingsJson(findings, true)}};
-        fmt::print("{}\n", json.dump(2));
+        fmt::print("{}\n", json.dump(2, ' ', false, Json::error_handler_t::replace));
     } else {
         for (const Finding& finding : findings.All())
             if (options.verbose || finding.severity != Severity::note)

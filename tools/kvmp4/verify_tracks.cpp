@@ -136,7 +136,8 @@ private:
                              expected == headers.end() ? "one" : *expected->second.begin());
         else if (expected != headers.end() && expected->second.count(found) == 0)
             m_findings.Error("media-header", where->path, where->offset,
-                             fmt::format("{} of a {} track", found, ReadableType(track.handler)),
+                             fmt::format("{} of a {} track", ReadableType(found),
+                                         ReadableType(track.handler)),
                              *expected->second.begin());
     }
 

@@ -6,6 +6,7 @@
 #include "log.h"
 #include "platform.h"
 
+#include <cerrno>
 #include <cwchar>
 
 #define UNIT "src/Mp4Muxer"
@@ -215,8 +216,8 @@ void CMp4Muxer::FinishFile(std::int64_t& clock)
     }
     LOG_INFO("Muxer - Close - moov write takes {} ms", Lap(clock));
     // A local file that failed while it recorded ends without its moov here, though nothing may fail
-    // any more: the log is then all that can give it one.
-    if (m_pFile && m_pFile->IsLocal() && !m_pFile->IsOpen() && m_dataPos != 0)
+    // any more: the log is then all that can give it one. So does any output that lacked memory.
+    if (m_pFile && !m_pFile->IsOpen() && (m_failedHere || (m_pFile->IsLocal() && m_dataPos != 0)))
         throw kv_mp4_exception(m_pFile->m_errno);
     // Otherwise the stream would hand over its last bytes when it closes, behind the removal of the
     // log and with nobody to see it fail. A disk that fills up in them so fails the close and keeps
@@ -239,6 +240,21 @@ void CMp4Muxer::PrepareMoovBuffer()
 {
     if (m_fastHeader && m_moovBuffer && m_moov)
         m_moovBuffer->AttachSink(m_pFile.get(), m_moov->GetSize());
+}
+
+void CMp4Muxer::FailOutput() noexcept
+{
+    if (!m_pFile->IsOpen())
+        return;
+    m_pFile->m_errno = ENOMEM;
+    try {
+        throw;
+    } catch (const kv_mp4_exception& error) {
+        m_pFile->m_errno = error.code;
+    } catch (...) {
+    }
+    m_pFile->m_state = kStateFailed;
+    m_failedHere = true;
 }
 
 // ---- Queries -------------------------------------------------------------------------------

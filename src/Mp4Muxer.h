@@ -132,6 +132,22 @@ private:
     void PrepareMoovBuffer();
     std::uint32_t FailCreate(std::uint32_t status);
 
+    // Runs what enters a sample whose bytes lie in the file. Without memory for it neither the file
+    // nor the log can name those bytes, and all that follows would be looked for in the wrong place:
+    // the output counts as failed, which keeps the last checkpoint and the log as they are.
+    template <typename Enter>
+    void EnterSample(Enter enter)
+    {
+        try {
+            enter();
+        } catch (...) {
+            FailOutput();
+            throw;
+        }
+    }
+    // For the exception that is being handled, unless the output failed by itself.
+    void FailOutput() noexcept;
+
     // The status that keeps a call from working, or nothing.
     std::optional<std::uint32_t> Refusal() const;
 
@@ -161,6 +177,7 @@ private:
     std::uint32_t FlushInfo();
 
     std::unique_ptr<IFileIO> m_pFile;  // the output writer
+    bool m_failedHere = false;         // the output failed by FailOutput
     bool m_safeMode = false;
     std::uint64_t m_nextMoovPos = kNoMoovPosition;  // of the moov in force
     mp4_safe_param m_safeParam{1, 0xA00000, 0x6400000, 0x40000000};

@@ -74,10 +74,17 @@ bool CMp4Muxer::CheckSafeWrite(std::uint32_t size)
     // 1. The new moov, complete and handed over, before the one size field is touched.
     // Kept: with the fast header its buffer refuses the seek, and the exception leaves the export;
     // the two modes do not go together and callers learn it here.
-    m_moov->Write(next);
-    m_pFile->Flush();
-    // 2. The switch.
-    m_mdat->UpdateSize(next);
-    m_pFile->Flush();
+    try {
+        m_moov->Write(next);
+        m_pFile->Flush();
+        // 2. The switch.
+        m_mdat->UpdateSize(next);
+        m_pFile->Flush();
+    } catch (...) {
+        // For want of memory, say: the output is still open then, and somewhere in the new moov.
+        if (!m_fastHeader)
+            FailOutput();
+        throw;
+    }
     return true;
 }

@@ -48,8 +48,10 @@ std::uint32_t CMp4Muxer::WriteVideoFrame(const VideoFrame& frame)
             return *failed;
     }
     CMp4VideoTrakAtom& track = m_moov->m_trakVideo;
-    track.AddSample(m_dataPos, size, frame.pts, frame.dts, key,
-                    m_moov->m_lastTrackId != track.m_trackId);
+    EnterSample([&] {
+        track.AddSample(m_dataPos, size, frame.pts, frame.dts, key,
+                        m_moov->m_lastTrackId != track.m_trackId);
+    });
     m_moov->m_lastTrackId = track.m_trackId;
     m_dataPos += size;
     WriteBehind();

@@ -83,11 +83,18 @@ std::uint32_t Create(const wchar_t* path, std::uint8_t flags, std::uint32_t bloc
                      mp4_handle* handle_out)
 {
     auto file = std::make_unique<CMp4Muxer>();
-    const std::uint32_t status =
-        file->Create(path, block_size, block_count, flags, io_mode, pFunc);
-    if (status != MP4_OK)
-        return status;
-    g_openHandles.insert(file.get());
+    try {
+        const std::uint32_t status =
+            file->Create(path, block_size, block_count, flags, io_mode, pFunc);
+        if (status != MP4_OK)
+            return status;
+        g_openHandles.insert(file.get());
+    } catch (...) {
+        // No memory, or a caller's output that throws: as after any other failure no log stays that
+        // a repair would lay upon an older file of this name, and the caller's output is closed.
+        file->Close();
+        throw;
+    }
     *handle_out = file.release();
     return MP4_OK;
 }

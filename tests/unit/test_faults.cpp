@@ -17,6 +17,8 @@
 #include <list>
 #include <map>
 #include <new>
+#include <string>
+#include <vector>
 
 namespace {
 
@@ -260,22 +262,79 @@ TEST_F(Repair, AsksForNoMemoryThatTheLogCannotFill)
 
 // ---- The muxer -----------------------------------------------------------------------------
 
-TEST_F(FailingMemory, OfATableLeavesTheFrameCallAndTheFileCanBeClosed)
+namespace {
+
+std::string Content(const std::filesystem::path& path)
 {
-    ASSERT_EQ(m_muxer.Create(Path().c_str(), 0, 0, 0, MP4_IO_FILE, nullptr), 0u);
+    std::ifstream file(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(file), {}};
+}
+
+// Frame `i` has 50 or 51 bytes, each `i`.
+std::uint32_t WriteFrame(CMp4Muxer& muxer, std::uint32_t i)
+{
+    const std::vector<std::uint8_t> data(50 + i % 2, static_cast<std::uint8_t>(i));
+    return muxer.WriteAudioFrame(
+        {static_cast<std::uint32_t>(data.size()), data.data(), std::uint64_t{1024} * i});
+}
+
+}  // namespace
+
+// The 257th size finds its table full. Its bytes lie in the file where no entry names them.
+TEST_F(FailingMemory, OfATableEndsTheRecordingAndKeepsTheLog)
+{
+    ASSERT_EQ(m_muxer.Create(Path().c_str(), 0, 0, MP4_OPEN_INFO_FILE, MP4_IO_FILE, nullptr), 0u);
     ASSERT_EQ(m_muxer.SetAudioTrack(&kAac), 0u);
-    const std::uint8_t data[20] = {1};
-    const auto write = [&](std::uint64_t i) {
-        return m_muxer.WriteAudioFrame({10 + static_cast<std::uint32_t>(i % 2), data, 1024 * i});
-    };
-    for (std::uint64_t i = 0; i < 256; ++i)
-        ASSERT_EQ(write(i), 0u);
+    for (std::uint32_t i = 0; i < 256; ++i)
+        ASSERT_EQ(WriteFrame(m_muxer, i), 0u);
     {
         const Fault fault(g_realloc);
-        EXPECT_EQ(CodeOf([&] { write(256); }), ENOMEM);
+        EXPECT_EQ(CodeOf([&] { WriteFrame(m_muxer, 256); }), ENOMEM);
     }
-    EXPECT_EQ(write(257), 0u);
-    EXPECT_EQ(m_muxer.Close(), 0u);
+    EXPECT_EQ(WriteFrame(m_muxer, 257), 1u);
+    EXPECT_EQ(m_muxer.Close(), 1u);
+
+    // The log names 256 samples, of which a repair gives all but the last.
+    ASSERT_EQ(CMp4Repair().Repair(Path().c_str(), 0), 0u);
+    const std::string file = Content(m_folder / "clip.mp4");
+    EXPECT_EQ(U32At(file, file.rfind("stsz") + 12), 255u);
+    std::size_t at = U32At(file, file.rfind("stco") + 12);
+    for (std::uint32_t i = 0; i < 255; at += 50 + i % 2, ++i)
+        ASSERT_EQ(file.substr(at, 50), std::string(50, static_cast<char>(i)));
+}
+
+// The second checkpoint describes captions, for which its boxes take memory for the first time.
+TEST_F(FailingMemory, InACheckpointEndsTheRecordingAtTheLastOne)
+{
+    ASSERT_EQ(m_muxer.Create(Path().c_str(), 0, 0, MP4_OPEN_SAFE_MODE, MP4_IO_FILE, nullptr), 0u);
+    const mp4_safe_param safe{0, 3000, 3000, 0};
+    ASSERT_EQ(m_muxer.SetSafeParam(&safe), 0u);
+    ASSERT_EQ(m_muxer.SetAudioTrack(&kAac), 0u);
+    const std::string line = "update moov header to ";
+    std::uint32_t i = 0;
+    for (; m_log.Text().find(line) == std::string::npos; ++i)
+        ASSERT_EQ(WriteFrame(m_muxer, i), 0u);
+    const std::string before = Content(m_folder / "clip.mp4");
+    const std::size_t end = 36 + U32At(before, 36);  // behind "ftyp" and "free"
+    const std::string moov = before.substr(end, U32At(before, end));
+
+    const mp4_subtitle_track_info captions{MP4_SUBTITLE_CEA608, 1000};
+    ASSERT_EQ(m_muxer.SetSubtitleTrack(&captions), 0u);
+    const std::uint8_t malformed[] = {0};
+    ASSERT_EQ(m_muxer.WriteSubtitleFrame({1, malformed, 0}), 0u);
+    std::int32_t code = INT32_MIN;
+    {
+        const Fault fault(g_realloc);
+        for (; code == INT32_MIN && i < 256; ++i)
+            code = CodeOf([&] { WriteFrame(m_muxer, i); });
+    }
+    EXPECT_EQ(code, ENOMEM);
+    EXPECT_NE(m_log.Text().find(line), m_log.Text().rfind(line));
+    EXPECT_EQ(WriteFrame(m_muxer, i), 1u);
+    EXPECT_EQ(m_muxer.Close(), 1u);
+    const std::string file = Content(m_folder / "clip.mp4");
+    EXPECT_EQ(36 + U32At(file, 36), end);
+    EXPECT_EQ(file.substr(end, moov.size()), moov);
 }
 
 TEST_F(AFailingDisk, ThatTakesNoHeaderOfTheLogLeavesNoFile)

@@ -4,6 +4,7 @@
 #include <spdlog/spdlog.h>
 
 #include <cstring>
+#include <fstream>
 #include <memory>
 #include <string>
 
@@ -18,10 +19,28 @@ constexpr std::size_t kLargest = std::size_t{1} << 30;
 
 Sink* g_sink = nullptr;  // the one whose table is in use
 
-std::uint32_t Word(const Bytes& file, std::size_t at)
+std::uint32_t Word(std::span<const std::uint8_t> file, std::size_t at)
 {
     return std::uint32_t{file[at]} << 24 | std::uint32_t{file[at + 1]} << 16 |
            std::uint32_t{file[at + 2]} << 8 | file[at + 3];
+}
+
+// `read` gives so many bytes of the file, 16 at the most.
+template <typename Read>
+void CheckBoxes(std::uint64_t end, Read read)
+{
+    for (std::uint64_t at = 0; at < end;) {
+        FUZZ_CHECK(end - at >= 8);
+        std::uint64_t size = Word(read(at, 8), 0);
+        if (size == 1) {
+            FUZZ_CHECK(end - at >= 16);
+            const auto wide = read(at, 16);
+            size = std::uint64_t{Word(wide, 8)} << 32 | Word(wide, 12);
+        }
+        FUZZ_CHECK(size >= 8);
+        FUZZ_CHECK(size <= end - at);
+        at += size;
+    }
 }
 
 struct OwnFolder {
@@ -115,18 +134,37 @@ mp4_handle OpenRecording(Sink& sink, bool mov, bool large)
 
 void CheckOuterBoxes(const Bytes& file)
 {
-    std::size_t at = 0;
-    while (at < file.size()) {
-        FUZZ_CHECK(file.size() - at >= 8);
-        std::uint64_t size = Word(file, at);
-        if (size == 1) {
-            FUZZ_CHECK(file.size() - at >= 16);
-            size = std::uint64_t{Word(file, at + 8)} << 32 | Word(file, at + 12);
+    CheckBoxes(file.size(), [&file](std::size_t at, std::size_t size) {
+        return std::span<const std::uint8_t>(file).subspan(at, size);
+    });
+}
+
+// Most of a file in safe mode is a hole: only the heads of its boxes are read.
+void CheckOuterBoxes(const std::filesystem::path& path)
+{
+    std::ifstream file(path, std::ios::binary);
+    Bytes head(16);
+    CheckBoxes(std::filesystem::file_size(path), [&](std::size_t at, std::size_t size) {
+        file.seekg(static_cast<std::streamoff>(at));
+        file.read(reinterpret_cast<char*>(head.data()), static_cast<std::streamsize>(size));
+        FUZZ_CHECK(file.good());
+        return std::span<const std::uint8_t>(head).first(size);
+    });
+}
+
+std::optional<std::span<const std::uint8_t>> Inside(std::span<const std::uint8_t> boxes,
+                                                    std::string_view code, std::size_t fields)
+{
+    while (boxes.size() >= 8) {
+        const std::size_t size = Word(boxes, 0);
+        FUZZ_CHECK(size >= 8 && size <= boxes.size());
+        if (std::memcmp(boxes.data() + 4, code.data(), 4) == 0) {
+            FUZZ_CHECK(size >= 8 + fields);
+            return boxes.subspan(8 + fields, size - 8 - fields);
         }
-        FUZZ_CHECK(size >= 8);
-        FUZZ_CHECK(size <= file.size() - at);
-        at += size;
+        boxes = boxes.subspan(size);
     }
+    return std::nullopt;
 }
 
 }  // namespace fuzz

@@ -9,6 +9,9 @@
 #include <cstdlib>
 #include <cstdio>
 #include <filesystem>
+#include <optional>
+#include <span>
+#include <string_view>
 #include <vector>
 
 namespace fuzz {
@@ -57,5 +60,10 @@ mp4_handle OpenRecording(Sink& sink, bool mov, bool large);
 // The boxes of the outermost level end where the file ends. Not for files in safe mode that were
 // never closed.
 void CheckOuterBoxes(const Bytes& file);
+void CheckOuterBoxes(const std::filesystem::path& path);
+
+// What the first box of that code holds beyond so many bytes of its own; nothing where there is none.
+std::optional<std::span<const std::uint8_t>> Inside(std::span<const std::uint8_t> boxes,
+                                                    std::string_view code, std::size_t fields = 0);
 
 }  // namespace fuzz

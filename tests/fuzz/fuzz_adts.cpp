@@ -1,7 +1,9 @@
-// ADTS streams: which bytes become samples, counted beside.
+// ADTS streams: which bytes become samples, kept beside.
 #include "fuzz.h"
 
 #include <fuzzer/FuzzedDataProvider.h>
+
+#include <algorithm>
 
 namespace {
 
@@ -24,7 +26,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     info.codec = MP4_AUDIO_AAC_ADTS;
     FUZZ_CHECK(mp4_set_audio_track(file, &info) == MP4_OK);
     bool ready = false;
-    std::size_t payload = 0;
+    fuzz::Bytes payload;
     for (std::uint64_t time = 0; input.remaining_bytes() > 0; time += 1024) {
         const auto length = input.ConsumeIntegral<std::uint8_t>();
         const auto frame = input.ConsumeBytes<std::uint8_t>(length);
@@ -38,10 +40,12 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         FUZZ_CHECK(status == (adts || ready ? MP4_OK : MP4_ERR_INVALID_ADTS));
         ready |= adts;
         if (ready)
-            payload += frame.size() - (adts ? 7 : 0);
-        FUZZ_CHECK(sink.Data().size() == head + payload);
+            payload.insert(payload.end(), frame.begin() + (adts ? 7 : 0), frame.end());
+        FUZZ_CHECK(sink.Data().size() == head + payload.size());
     }
     FUZZ_CHECK(mp4_close_file(file) == MP4_OK);
     fuzz::CheckOuterBoxes(sink.Data());
+    FUZZ_CHECK(std::equal(payload.begin(), payload.end(),
+                          sink.Data().begin() + static_cast<std::ptrdiff_t>(head)));
     return 0;
 }

@@ -73,7 +73,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         sets.push_back(i < 2 ? input.ConsumeBytes<std::uint8_t>(length)
                              : input.ConsumeRemainingBytes<std::uint8_t>());
         copies.push_back(Copy(sets.back()));
-        walked &= ParseHevcNal(&config, copies.back().get(), static_cast<std::int32_t>(sets.back().size()));
+        walked &= ParseHevcNal(&config, copies.back().get(),
+                               static_cast<std::int32_t>(sets.back().size()));
     }
     FinishConfig(&config);
     FUZZ_CHECK(config.min_spatial_segmentation_idc <= 4096);

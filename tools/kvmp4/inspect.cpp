@@ -25,7 +25,8 @@ using Print = std::function<void(const std::string&)>;
 
 std::string Value(const Json& value)
 {
-    return value.is_string() ? value.get<std::string>() : value.dump(-1, ' ', false, Json::error_handler_t::replace);
+    return value.is_string() ? value.get<std::string>()
+                             : value.dump(-1, ' ', false, Json::error_handler_t::replace);
 }
 
 std::string Text(const Json& json)

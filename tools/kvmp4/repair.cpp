@@ -43,8 +43,8 @@ std::uint64_t Sum(const std::array<std::uint64_t, kTracks>& counts)
     return sum;
 }
 
-// Whether the library reads this path as the one it is. Readable text has a dot for each byte that is
-// no UTF-8, and for each control character, of which names may have some.
+// Whether the library reads this path as the one it is. Readable text has a dot for each byte that
+// is no UTF-8, and for each control character, of which names may have some.
 bool IsUtf8(const std::string& path)
 {
     const std::string readable = ReadableText(path);
@@ -87,25 +87,29 @@ Plan MakePlan(const std::string& path, const FileReport& file, const LogReport& 
     else if (!announced && !log.damage.empty())
         plan.refusal = "the log is damaged before its first track";
     else if (!announced)
-        plan.refusal = "the log names no video and no audio track, and a repair would empty the file";
+        plan.refusal =
+            "the log names no video and no audio track, and a repair would empty the file";
     else if (Sum(plan.kept) == 0)
-        plan.refusal = "the log names no sample but the one that is lost, and a repair would cut all "
-                       "data away";
+        plan.refusal =
+            "the log names no sample but the one that is lost, and a repair would cut all "
+            "data away";
     else if (file.index && file.Samples() > Sum(plan.kept) - Sum(plan.broken))
         plan.refusal = fmt::format("the file plays as it lies with {} samples, and a repair would "
                                    "leave {}",
                                    file.Samples(), Sum(plan.kept) - Sum(plan.broken));
     else if (tooLong)
-        plan.refusal = "its data go beyond 4 GiB, it was not recorded as a large file, and a repaired "
-                       "one would not play";
+        plan.refusal =
+            "its data go beyond 4 GiB, it was not recorded as a large file, and a repaired "
+            "one would not play";
     else if (file.hasType && movPath != file.quickTime)
-        plan.refusal = file.quickTime
-                           ? "this is a QuickTime file, but its path does not contain \"mov\": give "
-                             "it the path that it was recorded to"
-                           : "this is an MP4 file, but its path contains \"mov\": give it the path "
-                             "that it was recorded to";
-    plan.hopeless = log.hasHeader && file.size >= log.mdatPosition + 8 && !announced &&
-                    !log.damage.empty();
+        plan.refusal =
+            file.quickTime
+                ? "this is a QuickTime file, but its path does not contain \"mov\": give "
+                  "it the path that it was recorded to"
+                : "this is an MP4 file, but its path contains \"mov\": give it the path "
+                  "that it was recorded to";
+    plan.hopeless =
+        log.hasHeader && file.size >= log.mdatPosition + 8 && !announced && !log.damage.empty();
     return plan;
 }
 
@@ -156,13 +160,15 @@ void PrintFindings(const RepairOptions& options, const FileReport& file, const L
         fmt::print("The last packet of the log is lost{}.\n",
                    log.lost.empty() ? "" : " (" + log.lost + ")");
     if (plan.unlogged != 0 && !log.damage.empty())
-        fmt::print("The {} bytes behind the last sample before the damage are not cut, but the index is "
-                   "written over the first of them; they may hold frames: keep a copy (--backup).\n",
-                   plan.unlogged);
+        fmt::print(
+            "The {} bytes behind the last sample before the damage are not cut, but the index is "
+            "written over the first of them; they may hold frames: keep a copy (--backup).\n",
+            plan.unlogged);
     else if (plan.unlogged != 0)
-        fmt::print("The {} bytes behind the last sample of the log are cut; they may hold frames that "
-                   "it does not name.\n",
-                   plan.unlogged);
+        fmt::print(
+            "The {} bytes behind the last sample of the log are cut; they may hold frames that "
+            "it does not name.\n",
+            plan.unlogged);
     if (Sum(plan.broken) != 0)
         fmt::print("The data of {} is not all there: they stay in, but broken.\n",
                    Samples(plan.broken));
@@ -287,8 +293,9 @@ private:
         const std::string& path = m_options.file;
         std::error_code error;
         if (!IsUtf8(path))
-            throw Failure(kExitUsage, "the path of the file is not valid UTF-8, and the library could "
-                                      "take it for another one: rename the file and its log first");
+            throw Failure(kExitUsage,
+                          "the path of the file is not valid UTF-8, and the library could "
+                          "take it for another one: rename the file and its log first");
         if (path.size() > kLongestPath)
             throw Failure(kExitUsage, "the path of the file is too long");
         const fs::file_status status = fs::status(PathOf(path), error);

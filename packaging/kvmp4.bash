@@ -19,8 +19,8 @@ _kvmp4()
     esac
     case "${COMP_WORDS[1]}" in
     record) options="--help --input --output --format --video --audio --captions --caption-format
-        --timecode --fps --metadata --duration --large-file --fast-header --version1 --safe
-        --safe-strategy --safe-min --safe-max --safe-threshold --info --info-flush --profile
+        --timecode --fps --metadata --duration --large-file --no-large-file --fast-header
+        --version1 --no-version1 --safe --safe-strategy --safe-min --safe-max --safe-threshold --info --info-flush --profile
         --realtime --overwrite --verbose" ;;
     repair) options="--help --dry-run --backup --force --delete-log --json --verbose" ;;
     inspect) options="--help --all --packets --map --json --overwrite" ;;

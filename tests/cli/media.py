@@ -182,10 +182,13 @@ class Media:
         return self._text("text.scc", SCC)
 
     def recorded(self, name, codec, *options):
+        """In the short forms but where the options ask for the long ones."""
         path = self.path(name)
         if not os.path.exists(path):
+            short = [f"--no-{form}" for form in ("large-file", "version1")
+                     if f"--{form}" not in options]
             result = subprocess.run([self.kvmp4, "record", "-i", self.camera(codec), "-o", path,
-                                     *options], capture_output=True, text=True,
+                                     *short, *options], capture_output=True, text=True,
                                     stdin=subprocess.DEVNULL, timeout=120)
             if result.returncode:
                 raise AssertionError(result.stderr)

@@ -28,6 +28,11 @@ namespace {
 constexpr std::size_t kQueueFrames = 4096;
 constexpr std::size_t kQueueBytes = 64u << 20;
 constexpr auto kMoment = std::chrono::milliseconds(100);
+constexpr auto kMomentsToEnd = 5 * kMoment;
+// A clock that falls back by more begins anew: a camera restarted, or files lie one behind another.
+constexpr double kJumpBack = 0.5;  // seconds
+// The tables hold differences of 32 bits: whatever goes further ahead is no pause.
+constexpr double kJumpAhead = 0x7FFFFFFF;  // ticks of the finest timescale
 constexpr std::int64_t kAacFrame = 1024;  // samples
 // A track begins with its first frame: a stream that starts later than this shows its first frame
 // from the beginning on, so that the rest keeps its time against the other stream.
@@ -139,6 +144,8 @@ struct Input::Stream {
     std::int64_t firstShown = 0;    // time of the first picture, in timeBase
     std::optional<std::int64_t> last;
     std::int64_t originTicks = 0;
+    std::size_t jumps = 0;        // of the input's clock that this stream went along with
+    std::int64_t carried = 0;     // ticks that they add to its times
     bool dropFrame = false;  // how a caption file counts
     // By the times of their pictures in ticks; by their numbers if there is an order, which then
     // has all pictures in it.
@@ -154,8 +161,7 @@ Input::Input(InputOptions options) : m_options(std::move(options)), m_thread([th
 
 Input::~Input()
 {
-    m_leave = true;
-    m_changed.notify_all();
+    Leave();
     m_thread.join();
     m_streams.clear();
     avformat_close_input(&m_context);
@@ -172,9 +178,10 @@ void Input::Run()
         }
         m_changed.notify_all();
         Read();
-    } catch (...) {
+    } catch (const std::exception& error) {
         const std::lock_guard hold(m_mutex);
         m_failure = std::current_exception();
+        m_trouble = "reading " + m_options.url + " ended early: " + error.what();
     }
     {
         const std::lock_guard hold(m_mutex);
@@ -207,14 +214,24 @@ void Input::Choose()
     const auto pick = [this](const std::string& wish, AVMediaType type) {
         if (wish == "none")
             return -1;
-        if (wish == "auto")
-            return av_find_best_stream(m_context, type, -1, -1, nullptr, 0);
+        if (wish == "auto") {
+            // The cover of a piece of music is no video.
+            const int best = av_find_best_stream(m_context, type, -1, -1, nullptr, 0);
+            const bool cover =
+                best >= 0 &&
+                (m_context->streams[best]->disposition & AV_DISPOSITION_ATTACHED_PIC) != 0;
+            return cover ? -1 : best;
+        }
+        const std::size_t colon = wish.find(':');
+        const std::string stream = colon == std::string::npos ? wish : wish.substr(colon + 1);
+        if (colon != std::string::npos && wish.substr(0, colon) != std::to_string(m_options.number))
+            return -1;
         char* end = nullptr;
-        const long index = std::strtol(wish.c_str(), &end, 10);
-        if (*end != '\0' || index < 0 || index >= static_cast<long>(m_context->nb_streams) ||
+        const long index = std::strtol(stream.c_str(), &end, 10);
+        if (end == stream.c_str() || *end != '\0' || index < 0 ||
+            index >= static_cast<long>(m_context->nb_streams) ||
             m_context->streams[index]->codecpar->codec_type != type)
-            throw Failure(kExitStream, m_options.url + " has no such " +
-                                           av_get_media_type_string(type) + " stream: " + wish);
+            return -1;  // another input may have it
         return static_cast<int>(index);
     };
     const bool captionFile = std::string_view(m_context->iformat->name) == "scc";
@@ -233,7 +250,8 @@ void Input::Choose()
     }
     ChooseCaptions(captionFile);
     FindTimeCode(video);
-    if (m_streams.empty())
+    const auto chosen = [](const std::string& wish) { return wish != "auto" && wish != "none"; };
+    if (m_streams.empty() && !chosen(m_options.video) && !chosen(m_options.audio))
         throw Failure(kExitStream, m_options.url + " has no video or audio stream to record");
 }
 
@@ -463,12 +481,16 @@ void Input::Read()
                 Deliver(*stream, packet);
                 continue;
             }
-            if ((error = av_bsf_send_packet(stream->filter, packet)) < 0)
-                continue;  // a broken packet; the next may be whole
-            while (av_bsf_receive_packet(stream->filter, packet) >= 0) {
+            if (av_bsf_send_packet(stream->filter, packet) < 0) {
+                ++m_brokenPackets;  // the next may be whole
+                continue;
+            }
+            int status = 0;
+            while ((status = av_bsf_receive_packet(stream->filter, packet)) >= 0) {
                 Deliver(*stream, packet);
                 av_packet_unref(packet);
             }
+            m_brokenPackets += status != AVERROR(EAGAIN) && status != AVERROR_EOF;
         }
         av_packet_unref(packet);
     }
@@ -518,7 +540,8 @@ void Input::Deliver(Stream& stream, AVPacket* packet)
             m_origin = static_cast<double>(scaled) / stream.timescale;
         if (stream.first)
             stream.originTicks = std::llround(*m_origin * stream.timescale);
-        time = scaled - stream.originTicks;
+        time = CarryOn(stream, scaled - stream.originTicks,
+                       stream.kind == Kind::kVideo && packet->dts == AV_NOPTS_VALUE);
         // A coarse time base makes AAC frames seem uneven; within its step the count is exact.
         const std::int64_t step = av_rescale_q_rnd(1, stream.timeBase, ticks, AV_ROUND_UP);
         if (stream.kind != Kind::kVideo && !stream.first && std::llabs(time - stream.next) <= step)
@@ -527,7 +550,7 @@ void Input::Deliver(Stream& stream, AVPacket* packet)
     if (time < 0 ||
         (stream.first && static_cast<double>(time) > kLateStart * stream.timescale))
         time = 0;
-    if (stream.last && time <= *stream.last && stream.kind == Kind::kVideo)
+    if (stream.last && time <= *stream.last)
         time = *stream.last + 1;  // the tables take rising times only
     stream.first = false;
     stream.last = time;
@@ -542,6 +565,45 @@ void Input::Deliver(Stream& stream, AVPacket* packet)
     Queue(std::move(frame));
     if (stream.kind == Kind::kVideo && m_captionSource == CaptionSource::kPictures)
         DeliverPicturesCaptions(stream, packet, time, stamp);
+}
+
+std::int64_t Input::CarryOn(Stream& stream, std::int64_t time, bool undated)
+{
+    if (stream.first) {
+        stream.jumps = m_jumps.size();
+        stream.carried =
+            m_jumps.empty() ? 0 : std::llround(m_jumps.back() * stream.timescale);
+        return time + stream.carried;
+    }
+    // Presentation times, where there are no others, fall by some pictures all the time.
+    const std::int64_t fall =
+        std::llround(kJumpBack * stream.timescale) +
+        (undated ? static_cast<std::int64_t>(kReorderedPictures) * stream.ticksPerFrame : 0);
+    double finest = 1;  // one bound for all, which must stay together
+    for (const auto& other : m_streams)
+        finest = std::max(finest, static_cast<double>(other->timescale));
+    const std::int64_t leap = std::llround(kJumpAhead / finest * stream.timescale);
+    const auto jumped = [&] {
+        const std::int64_t distance = time + stream.carried - *stream.last;
+        return distance < -fall || distance > leap;
+    };
+    if (!jumped())
+        return time + stream.carried;
+    m_jumped = true;
+    // The first stream to arrive at a jump decides for all where the clock goes on, behind the last
+    // frame of any; the others follow when they arrive there, and keep their distance from it.
+    if (stream.jumps == m_jumps.size()) {
+        double end = 0;
+        for (const auto& other : m_streams)
+            if (other->timescale != 0)
+                end = std::max(end, static_cast<double>(other->next) / other->timescale);
+        m_jumps.push_back(end - static_cast<double>(time) / stream.timescale);
+    }
+    while (jumped() && stream.jumps < m_jumps.size())
+        stream.carried = std::llround(m_jumps[stream.jumps++] * stream.timescale);
+    if (jumped() || time + stream.carried < stream.next)
+        stream.carried = stream.next - time;
+    return time + stream.carried;
 }
 
 // Containers with one time a picture leave it to FFmpeg to find the decoding times of reordered
@@ -674,13 +736,14 @@ void Input::Queue(Frame frame)
     m_changed.notify_all();
 }
 
-void Input::WaitUntilOpen()
+bool Input::WaitForOpen()
 {
     std::unique_lock hold(m_mutex);
-    while (!m_open && !m_failure && !m_ended && !g_stop)
+    if (!m_open && !m_ended)
         m_changed.wait_for(hold, kMoment);
-    if (m_failure && !m_open)
+    if (m_failure && !m_open && !g_stop)
         std::rethrow_exception(m_failure);
+    return m_open || m_ended;
 }
 
 double Input::FrameSeconds(Kind kind) const
@@ -727,8 +790,14 @@ std::string Input::Trouble()
     return m_trouble;
 }
 
-bool Input::Ended()
+void Input::Leave()
 {
-    const std::lock_guard hold(m_mutex);
-    return m_ended;
+    m_leave = true;
+    m_changed.notify_all();
+}
+
+bool Input::WaitForEnd()
+{
+    std::unique_lock hold(m_mutex);
+    return m_changed.wait_for(hold, kMomentsToEnd, [this] { return m_ended; });
 }

@@ -28,7 +28,8 @@ extern std::atomic<bool> g_stop;
 struct InputOptions {
     std::string url;
     std::string format;         // empty: probed
-    std::string video = "auto";  // "auto", "none" or a stream's index
+    std::size_t number = 0;      // of this input among all
+    std::string video = "auto";  // "auto", "none", a stream's index, or that and the input's: "1:0"
     std::string audio = "auto";
     std::string captions = "auto";  // as well as "video": those in the pictures alone
     std::uint32_t captionCodec = 0;  // MP4_SUBTITLE_*, 0: that of the source
@@ -76,12 +77,16 @@ public:
     Input(const Input&) = delete;
     Input& operator=(const Input&) = delete;
 
-    // Waits until the input is open; throws what kept it from opening. Tracks are known then.
-    void WaitUntilOpen();
+    // Whether the input is open, after a moment of waiting for it; throws what kept it from opening.
+    // Tracks are known then.
+    bool WaitForOpen();
     const std::vector<TrackInfo>& Tracks() const { return m_tracks; }
     // How long a frame of a track lasts.
     double FrameSeconds(Kind kind) const;
     bool HasReordering() const { return m_reordered; }
+    // Whether the clock of the input jumped, so that its times were carried on.
+    bool HasJumped() const { return m_jumped; }
+    const std::string& Url() const { return m_options.url; }
     CaptionSource Captions() const { return m_captionSource; }
     // The track of the caption frames; it is not among Tracks, as there may never be any.
     const TrackInfo& CaptionTrack() const { return m_captionTrack; }
@@ -91,6 +96,8 @@ public:
     const std::string& TimeCode() const { return m_timeCode; }
     AVRational TimeCodeRate() const { return m_timeCodeRate; }
     std::uint64_t BrokenCaptions() const { return m_brokenCaptions; }
+    // Packets that are no frames of their codec.
+    std::uint64_t BrokenPackets() const { return m_brokenPackets; }
 
     // What stands at the head of the queue.
     enum class Head { kFrame, kWaiting, kFull, kEnd };
@@ -100,7 +107,10 @@ public:
     void WaitForMore();
     // The sentence of a failure in mid-stream, if there was one.
     std::string Trouble();
-    bool Ended();
+    // Has the reader end where it can.
+    void Leave();
+    // Whether it did, after a few moments of waiting for it: no one can end a read of an idle pipe.
+    bool WaitForEnd();
 
 private:
     struct Stream;
@@ -115,6 +125,8 @@ private:
     void Read();
     void Deliver(Stream& stream, AVPacket* packet);
     void DateBack(Stream& stream, AVPacket* packet) const;
+    // The time of a frame whose clock may have jumped, carried on.
+    std::int64_t CarryOn(Stream& stream, std::int64_t time, bool undated);
     void DeliverPicturesCaptions(Stream& stream, const AVPacket* packet, std::int64_t time,
                                  std::int64_t stamp);
     void DeliverCaptionPacket(Stream& stream, const AVPacket* packet);
@@ -129,6 +141,9 @@ private:
     std::vector<std::unique_ptr<Stream>> m_streams;
     std::vector<TrackInfo> m_tracks;
     std::atomic<bool> m_reordered{false};
+    std::atomic<bool> m_jumped{false};
+    std::atomic<std::uint64_t> m_brokenPackets{0};
+    std::vector<double> m_jumps;  // what is added to all times after each jump of the clock, seconds
     std::optional<double> m_origin;  // the first time of video and audio, seconds
 
     CaptionSource m_captionSource = CaptionSource::kNone;

@@ -56,15 +56,16 @@ Sudden ends: with --safe the file holds an index of what came before the last ch
 up to there however the recording ended. Checkpoints lie some distance apart, in bytes: at R bits a
 second a distance of D bytes is 8 D / R seconds that may be lost, 17 s for the 10 MiB that are the
 least by default at 5 Mb/s. --safe-min is the first and the smallest distance, --safe-max the largest,
-reached at --safe-threshold; keep both above the size of the index and of two frames. --info keeps a
-log beside the file, OUTPUT.info, from which "kvmp4 repair" saves all that reached it; it is flushed
-every --info-flush video frames, and is gone after a proper end.
+reached at --safe-threshold; either draws the other along where that is not given. Keep both above the
+size of the index and of two frames. --info keeps a log beside the file, OUTPUT.info, from which
+"kvmp4 repair" saves all that reached it; it is flushed every --info-flush video frames, and is gone
+after a proper end.
 
 --profile low-loss is --safe and --info with a checkpoint each second, whatever the bit rate, and
 with a log that is at most a second old. A killed recording loses less than 2 s after a repair. As it
 lies it does so too, unless the bit rate has just fallen steeply, or 2 s take less space than the
-index, which grows by up to 1 KB a second: checkpoints keep that distance at least. Files of --safe
-must stay below 4 GiB to play without a repair.
+index, which grows by up to 1 KB a second: checkpoints keep that distance at least. With --safe a
+recording beyond 4 GiB plays once it has ended properly; one that was killed there needs a repair.
 
 Metadata keys: title, artist, album_artist, composer, album, date, encoding_tool, comment, genre,
 copyright, grouping, lyrics, description, synopsis, show, episode_id, network, and any key that
@@ -73,10 +74,14 @@ begins with "com.".
 Exit codes: 0 recorded; 1 other; 2 usage; 3 the input cannot be opened or read; 4 no usable stream
 or a codec that cannot be recorded; 5 the output cannot be created; 6 a write failed.)";
 
-void Interrupt(int)
+void Interrupt([[maybe_unused]] int signal)
 {
-    // A second Ctrl-C ends the process at once.
-    if (g_stop.exchange(true))
+    // A second Ctrl-C ends the process at once. A terminal that closes tells that more than once.
+    bool urgent = g_stop.exchange(true);
+#if defined(SIGHUP)
+    urgent = urgent && signal != SIGHUP;
+#endif
+    if (urgent)
         std::_Exit(kExitOther);
 }
 
@@ -90,8 +95,10 @@ CLI::App* AddRecord(CLI::App& app, RecordOptions& options)
         ->expected(1, 3);
     record->add_option("-o,--output", options.output, "The file to record to")->required();
     record->add_option("-f,--format", options.format, "Input format, as FFmpeg names it");
-    record->add_option("--video", options.video, "Video stream: auto, none or its index");
-    record->add_option("--audio", options.audio, "Audio stream: auto, none or its index");
+    record->add_option("--video", options.video,
+                       "Video stream: auto, none, STREAM or INPUT:STREAM, from 0 on");
+    record->add_option("--audio", options.audio,
+                       "Audio stream: auto, none, STREAM or INPUT:STREAM, from 0 on");
     record->add_option("--captions", options.captions,
                        "Captions: auto, none, video or a stream's index");
     record->add_option("--caption-format", options.captionFormat,
@@ -105,9 +112,11 @@ CLI::App* AddRecord(CLI::App& app, RecordOptions& options)
         ->take_all();
     record->add_option("--duration", options.duration, "Stop after so many seconds")
         ->check(CLI::PositiveNumber);
-    record->add_flag("--large-file", options.largeFile, "64-bit sizes, for files beyond 4 GiB");
+    record->add_flag("--large-file,!--no-large-file", options.largeFile,
+                     "64-bit sizes (default); without them a recording ends below 4 GiB");
     record->add_flag("--fast-header", options.fastHeader, "Write the index with a single write");
-    record->add_flag("--version1", options.version1, "64-bit durations in the headers");
+    record->add_flag("--version1,!--no-version1", options.version1,
+                     "64-bit durations (default); without them they wrap at 2^32 ticks");
     SafetyOptions& safety = options.safety;
     record->add_flag("--safe", safety.safe, "Write checkpoints, so that a killed recording plays");
     record->add_option("--safe-strategy", safety.strategy,
@@ -265,7 +274,8 @@ int main(int argc, char** argv)
     verbose = verbose || options.verbose;
     av_log_set_level(options.verbose ? AV_LOG_INFO : AV_LOG_FATAL);
     avdevice_register_all();
-    OnInterrupt(Interrupt);
+    if (record->parsed())
+        OnInterrupt(Interrupt);
 #endif
     spdlog::set_level(verbose ? spdlog::level::info : spdlog::level::off);
 #if !defined(_WIN32)

@@ -1,5 +1,6 @@
 #include "record.h"
 
+#include "box_tree.h"
 #include "failure.h"
 #include "system.h"
 #include "timecode.h"
@@ -9,10 +10,14 @@
 #include <fmt/core.h>
 
 #include <algorithm>
+#include <array>
+#include <cerrno>
 #include <chrono>
 #include <cmath>
+#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
+#include <fstream>
 #include <memory>
 #include <optional>
 #include <string>
@@ -32,6 +37,17 @@ namespace {
 using namespace std::string_literals;
 using Clock = std::chrono::steady_clock;
 
+// Standard error may be gone, as that of a closed terminal is; a recording goes on without it.
+void Print(const std::string& text)
+{
+    std::fputs(text.c_str(), stderr);
+}
+
+void Warn(const std::string& sentence)
+{
+    Print(fmt::format("kvmp4: {}\n", sentence));
+}
+
 // One line on a terminal, several times a second; nothing elsewhere.
 class Progress {
 public:
@@ -47,16 +63,16 @@ public:
             return;
         m_last = now;
         const double wall = std::chrono::duration<double>(now - m_start).count();
-        fmt::print(stderr, "\r\033[K{} frames  {:.1f} s  {:.1f} MiB  {:.1f} Mb/s  x{:.1f}", frames,
-                   seconds, static_cast<double>(bytes) / 1048576.0,
-                   seconds > 0 ? static_cast<double>(bytes) * 8e-6 / seconds : 0.0,
-                   wall > 0 ? seconds / wall : 0.0);
+        Print(fmt::format("\r\033[K{} frames  {:.1f} s  {:.1f} MiB  {:.1f} Mb/s  x{:.1f}", frames,
+                          seconds, static_cast<double>(bytes) / 1048576.0,
+                          seconds > 0 ? static_cast<double>(bytes) * 8e-6 / seconds : 0.0,
+                          wall > 0 ? seconds / wall : 0.0));
         m_drawn = true;
     }
     void Clear()
     {
         if (m_drawn)
-            fmt::print(stderr, "\r\033[K");
+            Print("\r\033[K");
         m_drawn = false;
     }
 
@@ -67,10 +83,59 @@ private:
     Clock::time_point m_last{};
 };
 
+// The close of a safe recording writes 32 bits of the size of its data, over the mark that says that
+// 64 follow. Beyond 4 GiB nothing finds the index behind the data then: both are written here.
+void RestoreLargeSize(const std::string& path)
+{
+    std::error_code ignored;
+    const std::uint64_t size = std::filesystem::file_size(PathOf(path), ignored);
+    if (ignored || size >> 32 == 0)
+        return;
+    errno = 0;
+    std::fstream file(PathOf(path), std::ios::binary | std::ios::in | std::ios::out);
+    std::uint32_t length = 0;
+    const auto read = [&](std::uint64_t at) {  // a box's length; its type
+        std::array<unsigned char, 8> head{};
+        file.seekg(static_cast<std::streamoff>(at));
+        // NOLINTNEXTLINE(cppcoreguidelines-pro-type-reinterpret-cast)
+        file.read(reinterpret_cast<char*>(head.data()), head.size());
+        length = 0;
+        for (std::size_t i = 0; i < 4; ++i)
+            length = length << 8 | head[i];
+        return std::string(head.begin() + 4, head.end());
+    };
+    const auto write = [&](std::uint64_t at, std::uint64_t value, int bytes) {
+        file.seekp(static_cast<std::streamoff>(at));
+        for (int shift = 8 * bytes; shift > 0; shift -= 8)
+            file.put(static_cast<char>(value >> (shift - 8) & 0xFF));
+    };
+    std::uint64_t data = 0;
+    while (read(data) != "mdat" && length >= 8)
+        data += length;
+    const auto fail = [&](const std::string& why) {
+        throw Failure(kExitWrite, "finishing " + path + " failed: " + why);
+    };
+    if (!file)
+        fail(std::generic_category().message(errno));
+    // The index ends the file, so that its place is the last one with these 32 bits.
+    const std::uint64_t low = data + length;
+    const std::uint64_t index = low + ((size - low - 8) >> 32 << 32);
+    if (index == low)
+        return;
+    if (read(index) != "moov")
+        fail("its index is not in its place");
+    write(data + 8, index - data, 8);
+    file.flush();
+    write(data, 1, 4);
+    if (!file.flush())
+        fail(std::generic_category().message(errno));
+}
+
 // The open output. Closes in any case, so that whatever was recorded plays.
 class Output {
 public:
-    explicit Output(const RecordOptions& options) : m_path(options.output)
+    explicit Output(const RecordOptions& options)
+        : m_path(options.output), m_large(options.largeFile), m_safe(options.safety.Safe())
     {
         const std::uint8_t flags =
             static_cast<std::uint8_t>((options.largeFile ? MP4_OPEN_LARGE_FILE : 0) |
@@ -99,8 +164,12 @@ public:
     }
     ~Output()
     {
-        if (m_file)
-            mp4_close_file(m_file);
+        try {
+            if (m_file && mp4_close_file(m_file) == MP4_OK && m_large && m_safe)
+                RestoreLargeSize(m_path);
+        } catch (const std::exception&) {
+            // The failure that brought us here is the one to tell.
+        }
     }
     Output(const Output&) = delete;
     Output& operator=(const Output&) = delete;
@@ -174,6 +243,10 @@ public:
 
     void Write(const Frame& frame)
     {
+        if (frame.kind == Kind::kCaptions && Reaches4GiB(0)) {
+            m_captionsEnded = true;  // their places have 32 bits in any file
+            return;
+        }
         std::uint32_t status = 0;
         try {
             const auto size = static_cast<std::uint32_t>(frame.data.size());
@@ -203,21 +276,41 @@ public:
         const std::uint32_t status = mp4_close_file(file);
         if (status != MP4_OK)
             throw Failure(kExitWrite, "finishing " + m_path + " failed: " + StatusText(status));
+        if (m_large && m_safe)
+            RestoreLargeSize(m_path);
     }
 
     std::uint64_t Broken() const { return m_broken; }
+    bool CaptionsEnded() const { return m_captionsEnded; }
+    // Whether another frame may need 64-bit sizes in a file that has none.
+    bool IsFull() const
+    {
+        if (m_large)
+            return false;
+        mp4_safe_param params{};
+        if (m_safe)
+            mp4_get_safe_param(m_file, &params);
+        return Reaches4GiB(params.max_interval);
+    }
 
 private:
+    // So far, or with so many bytes more; what has not reached the file yet is allowed for.
+    bool Reaches4GiB(std::uint64_t more) const
+    {
+        std::error_code ignored;
+        const std::uint64_t size = std::filesystem::file_size(PathOf(m_path), ignored);
+        return !ignored && (size + more + kOnTheWay) >> 32 != 0;
+    }
+
+    static constexpr std::uint64_t kOnTheWay = 64u << 20;
     const std::string m_path;
+    const bool m_large;
+    const bool m_safe;
     mp4_handle m_file = nullptr;
     std::optional<LowLoss> m_lowLoss;
     std::uint64_t m_broken = 0;  // frames that the library could not read
+    bool m_captionsEnded = false;
 };
-
-void Warn(const std::string& sentence)
-{
-    fmt::print(stderr, "kvmp4: {}\n", sentence);
-}
 
 // The caption track. It is announced when the first caption comes: a file without any has none.
 class CaptionRecorder {
@@ -261,6 +354,7 @@ public:
                 WritePadding(0);
             m_begun = true;
         }
+        frame.seconds = Seconds(frame.time);
         m_output.Write(frame);
         m_gap = frame.time - m_last;
         m_last = frame.time;
@@ -309,11 +403,17 @@ private:
         }
         return *m_shift;
     }
+    // Like those of the other tracks, whose frames these go between.
+    double Seconds(std::int64_t time) const
+    {
+        return static_cast<double>(time) / m_source->CaptionTrack().timescale;
+    }
     void WritePadding(std::int64_t time)
     {
         Frame padding;
         padding.kind = Kind::kCaptions;
         padding.time = time;
+        padding.seconds = Seconds(time);
         padding.data = m_source->CaptionPadding();
         m_output.Write(padding);
     }
@@ -404,6 +504,15 @@ Input* Next(const std::vector<std::unique_ptr<Input>>& inputs)
     }
 }
 
+// Whether the library reads this path as the one it is. Readable text has a dot for each byte that is
+// no UTF-8, and for each control character, of which names may have some.
+bool IsUtf8(const std::string& path)
+{
+    return std::ranges::equal(path, ReadableText(path), [](char own, char shown) {
+        return own == shown || static_cast<unsigned char>(own) < 0x80;
+    });
+}
+
 void CheckOptions(const RecordOptions& options, AVRational& fps)
 {
     if (!options.captionFormat.empty() && options.captionFormat != "608" &&
@@ -425,10 +534,15 @@ void CheckOptions(const RecordOptions& options, AVRational& fps)
             throw Failure(kExitUsage, "\"" + key + "\" is no metadata key (see --help)");
     }
     CheckSafety(options.safety, options.fastHeader);
+    // The library would take it for the path up to there.
+    if (!IsUtf8(options.output))
+        throw Failure(kExitUsage, "the path of the output is not valid UTF-8");
     std::error_code ignored;
     const std::filesystem::path output = PathOf(options.output);
     for (const std::string& input : options.inputs)
-        if (std::filesystem::equivalent(PathOf(input), output, ignored))
+        if (std::filesystem::equivalent(PathOf(input), output, ignored) ||
+            (input.starts_with("file:") &&
+             std::filesystem::equivalent(PathOf(input.substr(5)), output, ignored)))
             throw Failure(kExitUsage, "the output is the input itself: " + input);
     if (!options.overwrite && std::filesystem::is_regular_file(output, ignored))
         throw Failure(kExitOutput, options.output + " exists already (-y overwrites it)");
@@ -443,42 +557,58 @@ void CheckOptions(const RecordOptions& options, AVRational& fps)
         Warn("only a lower-case \"mov\" makes a QuickTime file; this becomes an MP4 file");
 }
 
-}  // namespace
+using Inputs = std::vector<std::unique_ptr<Input>>;
 
-void Record(const RecordOptions& options)
+// Ends the readers. One may be blocked in an open or a read that nothing ends: the process goes then,
+// with what there is to be told. There is no output any more.
+void Leave(const Inputs& inputs, ExitCode code, const std::string& sentence)
 {
-    AVRational fps{0, 1};
-    CheckOptions(options, fps);
-    std::optional<QuietOutput> quiet;
-    if (kLibraryLogsAlone && !options.verbose)
-        quiet.emplace();
+    for (const auto& input : inputs)
+        input->Leave();
+    for (const auto& input : inputs) {
+        if (input->WaitForEnd())
+            continue;
+        if (!sentence.empty())
+            Warn(sentence);
+        std::_Exit(code);
+    }
+}
 
+void RecordFrom(Inputs& inputs, const RecordOptions& options, AVRational fps)
+{
     const std::uint32_t captionCodec = options.captionFormat == "608"   ? MP4_SUBTITLE_CEA608
                                        : options.captionFormat == "708" ? MP4_SUBTITLE_CEA708
                                                                         : 0;
 
     // 1. All inputs open side by side: FIFOs may be fed in any order.
-    std::vector<std::unique_ptr<Input>> inputs;
     for (const std::string& url : options.inputs)
         inputs.push_back(std::make_unique<Input>(
-            InputOptions{url, options.format, options.video, options.audio, options.captions,
-                         captionCodec, fps}));
+            InputOptions{url, options.format, inputs.size(), options.video, options.audio,
+                         options.captions, captionCodec, fps}));
     std::vector<const TrackInfo*> tracks;
+    for (bool open = false; !open && !g_stop;) {
+        open = true;
+        for (const auto& input : inputs)
+            open &= input->WaitForOpen();
+    }
+    if (g_stop)
+        throw Failure(kExitOther, "stopped before the recording began");
     for (const auto& input : inputs) {
-        input->WaitUntilOpen();
-        if (g_stop) {
-            // A reader may be blocked in an open that nothing ends; there is no output yet.
-            Warn("stopped before the recording began");
-            std::_Exit(kExitOther);
-        }
         for (const TrackInfo& track : input->Tracks()) {
             for (const TrackInfo* other : tracks)
                 if (other->kind == track.kind)
                     throw Failure(kExitStream, "both inputs hold the same kind of stream; choose "
-                                               "with --video or --audio");
+                                               "with --video or --audio INPUT:STREAM");
             tracks.push_back(&track);
         }
     }
+    const auto check = [&](const std::string& wish, Kind kind, const char* name) {
+        if (wish != "auto" && wish != "none" &&
+            std::ranges::find(tracks, kind, &TrackInfo::kind) == tracks.end())
+            throw Failure(kExitStream, fmt::format("there is no {} stream {}", name, wish));
+    };
+    check(options.video, Kind::kVideo, "video");
+    check(options.audio, Kind::kAudio, "audio");
 
     if (tracks.empty())
         throw Failure(kExitStream, "captions alone cannot be recorded; give a video or audio too");
@@ -509,7 +639,9 @@ void Record(const RecordOptions& options)
     double seconds = 0;
     double end = 0;  // of the last frame, seconds
     bool warned = false;
-    while (!g_stop) {
+    bool jumped = false;
+    bool full = false;
+    while (!g_stop && !full) {
         Input* const input = Next(inputs);
         if (!input)
             break;
@@ -532,10 +664,16 @@ void Record(const RecordOptions& options)
         }
         output.Write(frame);
         captions.Follow(frame);
+        full = output.IsFull();
         if (input->HasReordering() && !warned) {
             progress.Clear();
             Warn("the video has B-frames: pictures keep their decoding times (see --help)");
             warned = true;
+        }
+        if (input->HasJumped() && !jumped) {
+            progress.Clear();
+            Warn("the clock of " + input->Url() + " jumped: its times go on from where they were");
+            jumped = true;
         }
         frames += frame.kind == Kind::kVideo;
         bytes += frame.data.size();
@@ -548,15 +686,42 @@ void Record(const RecordOptions& options)
     // 4. A proper end, whatever ended the loop.
     captions.Finish(end);
     output.Close();
-    if (output.Broken() > 0)
-        Warn(fmt::format("{} broken frames were left out", output.Broken()));
+    std::uint64_t broken = output.Broken();
+    for (const auto& input : inputs)
+        broken += input->BrokenPackets();
+    if (broken > 0)
+        Warn(fmt::format("{} broken frames were left out", broken));
+    if (output.CaptionsEnded())
+        Warn("the captions end at 4 GiB: no file has a place for them beyond");
     if (captionSource && captionSource->BrokenCaptions() > 0)
         Warn(fmt::format("{} broken captions were left out", captionSource->BrokenCaptions()));
+    if (full)
+        throw Failure(kExitWrite, "with --no-large-file the recording ends below 4 GiB; what came "
+                                  "before is recorded");
     for (const auto& input : inputs)
         if (const std::string trouble = input->Trouble(); !trouble.empty())
             throw Failure(kExitInput, trouble + "; what came before is recorded");
-    // A reader may be blocked in a read that nothing ends; the recording is complete.
-    for (const auto& input : inputs)
-        if (!input->Ended())
-            std::_Exit(kExitOk);
+}
+
+}  // namespace
+
+void Record(const RecordOptions& options)
+{
+    AVRational fps{0, 1};
+    CheckOptions(options, fps);
+    std::optional<QuietOutput> quiet;
+    if (kLibraryLogsAlone && !options.verbose)
+        quiet.emplace();
+
+    Inputs inputs;
+    try {
+        RecordFrom(inputs, options, fps);
+    } catch (const Failure& failure) {
+        Leave(inputs, failure.code, failure.what());
+        throw;
+    } catch (const std::exception& error) {
+        Leave(inputs, kExitOther, error.what());
+        throw;
+    }
+    Leave(inputs, kExitOk, "");
 }

@@ -20,9 +20,9 @@ struct RecordOptions {
     std::string fps;
     std::vector<std::string> metadata;  // key=value
     double duration = 0;                // seconds; 0: to the end
-    bool largeFile = false;
+    bool largeFile = true;
     bool fastHeader = false;
-    bool version1 = false;
+    bool version1 = true;
     bool realtime = false;
     bool overwrite = false;
     bool verbose = false;

@@ -45,6 +45,8 @@ void CheckSafety(const SafetyOptions& options, bool fastHeader)
         throw Failure(kExitUsage, "safe parameters need --safe");
     if (options.infoFlush && !options.Info())
         throw Failure(kExitUsage, "--info-flush needs --info");
+    if (options.minInterval && options.maxInterval && *options.minInterval > *options.maxInterval)
+        throw Failure(kExitUsage, "--safe-min is above --safe-max");
     if (options.Safe() && fastHeader)
         throw Failure(kExitUsage, "--safe and --fast-header do not go together");
 }
@@ -54,8 +56,11 @@ void ApplySafety(const SafetyOptions& options, mp4_handle file)
     mp4_safe_param params{};
     mp4_get_safe_param(file, &params);
     params.strategy = options.strategy.value_or(params.strategy);
-    params.min_interval = options.minInterval.value_or(params.min_interval);
-    params.max_interval = options.maxInterval.value_or(params.max_interval);
+    // The one that is given draws the other along: the library's difference of the two would wrap.
+    params.min_interval = options.minInterval.value_or(
+        std::min(params.min_interval, options.maxInterval.value_or(params.min_interval)));
+    params.max_interval =
+        options.maxInterval.value_or(std::max(params.max_interval, params.min_interval));
     params.threshold = options.threshold.value_or(params.threshold);
     mp4_set_safe_param(file, &params);
     if (options.infoFlush) {
@@ -83,8 +88,10 @@ void LowLoss::BeforeFrame(const Frame& frame)
     if (!m_begin)
         m_begin = m_flushed = frame.seconds;
     m_recent.push_back({frame.seconds, bytes, frame.kind == Kind::kVideo});
-    while (m_recent.front().seconds < frame.seconds - kWindow)
-        m_recent.pop_front();
+    // A clock that is set back leaves frames of the future behind, which nothing would take away.
+    std::erase_if(m_recent, [&](const Size& size) {
+        return size.seconds < frame.seconds - kWindow || size.seconds > frame.seconds + kWindow;
+    });
 
     // A threshold of 0 makes max_interval the distance everywhere, and leaves min_interval to the
     // first checkpoint alone.

@@ -23,8 +23,8 @@ inline constexpr bool kLibraryLogsAlone = true;
 inline constexpr bool kLibraryLogsAlone = false;
 #endif
 
-// Has `handler` called each time the user or the system wants the program to end: Ctrl-C and the
-// like. It may run at any moment, on any thread.
+// Has `handler` called each time the user or the system wants the program to end: Ctrl-C, a terminal
+// that is closed and the like. It may run at any moment, on any thread.
 void OnInterrupt(void (*handler)(int));
 
 // Who else has a file open for writing, as the begin of a sentence; empty if nobody is to be seen.

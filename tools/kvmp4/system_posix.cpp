@@ -24,6 +24,10 @@ void OnInterrupt(void (*handler)(int))
     action.sa_handler = handler;
     sigaction(SIGINT, &action, nullptr);
     sigaction(SIGTERM, &action, nullptr);
+    // nohup has a program outlive its terminal.
+    struct sigaction hangup {};
+    if (sigaction(SIGHUP, nullptr, &hangup) == 0 && hangup.sa_handler != SIG_IGN)
+        sigaction(SIGHUP, &action, nullptr);
 }
 
 std::string Writer(const std::string& path)

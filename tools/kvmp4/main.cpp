@@ -64,7 +64,7 @@ after a proper end.
 --profile low-loss is --safe and --info with a checkpoint each second, whatever the bit rate, and
 with a log that is at most a second old. A killed recording loses less than 2 s after a repair. As it
 lies it does so too, unless the bit rate has just fallen steeply, or 2 s take less space than the
-index, which grows by up to 1 KB a second: checkpoints keep that distance at least. With --safe a
+index, which grows by up to 1.5 KB a second: checkpoints keep that distance at least. With --safe a
 recording beyond 4 GiB plays once it has ended properly; one that was killed there needs a repair.
 
 Metadata keys: title, artist, album_artist, composer, album, date, encoding_tool, comment, genre,

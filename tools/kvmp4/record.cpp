@@ -83,8 +83,8 @@ private:
     Clock::time_point m_last{};
 };
 
-// The close of a safe recording writes 32 bits of the size of its data, over the mark that says that
-// 64 follow. Beyond 4 GiB nothing finds the index behind the data then: both are written here.
+// The close of a safe recording writes 32 bits of the size of its data, over the mark that says
+// that 64 follow. Beyond 4 GiB nothing finds the index behind the data then: both are written here.
 void RestoreLargeSize(const std::string& path)
 {
     std::error_code ignored;
@@ -504,8 +504,8 @@ Input* Next(const std::vector<std::unique_ptr<Input>>& inputs)
     }
 }
 
-// Whether the library reads this path as the one it is. Readable text has a dot for each byte that is
-// no UTF-8, and for each control character, of which names may have some.
+// Whether the library reads this path as the one it is. Readable text has a dot for each byte that
+// is no UTF-8, and for each control character, of which names may have some.
 bool IsUtf8(const std::string& path)
 {
     return std::ranges::equal(path, ReadableText(path), [](char own, char shown) {
@@ -559,8 +559,8 @@ void CheckOptions(const RecordOptions& options, AVRational& fps)
 
 using Inputs = std::vector<std::unique_ptr<Input>>;
 
-// Ends the readers. One may be blocked in an open or a read that nothing ends: the process goes then,
-// with what there is to be told. There is no output any more.
+// Ends the readers. One may be blocked in an open or a read that nothing ends: the process goes
+// then, with what there is to be told. There is no output any more.
 void Leave(const Inputs& inputs, ExitCode code, const std::string& sentence)
 {
     for (const auto& input : inputs)

@@ -7,6 +7,9 @@
 #include "support/recording.h"
 #include "support/repair.h"
 
+#include <span>
+#include <string_view>
+
 namespace kvtest {
 
 namespace {
@@ -15,7 +18,10 @@ namespace {
 struct Whole {
     std::vector<std::size_t> writesAfter;  // by step
     std::vector<unsigned> checkpoints;
+    std::size_t called[ExternalSink::kWrite + 1] = {};
     Bytes bytes;
+    std::vector<std::string> calls;
+    std::vector<std::size_t> callsAfter;  // by step
 };
 
 class Callbacks {
@@ -29,15 +35,25 @@ public:
     bool RunWhole()
     {
         ExternalSink sink;
-        sink.NoteNoCalls();
         m_scenario.Run(m_path, sink.Table(), [&](bool inside) {
-            if (!inside)
-                m_whole.writesAfter.push_back(sink.Called(ExternalSink::kWrite));
+            if (inside)
+                return;
+            m_whole.writesAfter.push_back(sink.Called(ExternalSink::kWrite));
+            m_whole.callsAfter.push_back(sink.Calls().size());
         });
         m_whole.checkpoints = m_scenario.Checkpoints();
         m_whole.bytes = sink.Data();
+        m_whole.calls = sink.Calls();
         const std::string wrong = CompareResults(m_scenario);
         m_report.Add("nothing", m_scenario.Plan().name, wrong);
+        using Sink = ExternalSink;
+        for (const auto callback :
+             {Sink::kOpen, Sink::kWrite, Sink::kSeek, Sink::kTell, Sink::kFlush, Sink::kClose}) {
+            m_whole.called[callback] = sink.Called(callback);
+            const bool some = callback != Sink::kFlush || m_scenario.Plan().IsSafe();
+            m_report.Require("callback " + std::to_string(callback), m_scenario.Plan().name,
+                             sink.Called(callback), some);
+        }
         return wrong.empty();
     }
 
@@ -48,27 +64,32 @@ public:
         for (std::size_t n = 1;; n += m_choice.stride)
             for (std::size_t i = 0; i < (m_choice.all ? std::size(kFaultErrors) : 1); ++i)
                 if (!FailWrite(n, i))
-                    return;
+                    return RequireAll(ExternalSink::kWrite, "write", n / m_choice.stride);
     }
 
-    // Calls whose results the library does not look at: nothing shows, and nothing breaks.
+    // Calls whose results the library does not look at: no answer shows it, and nothing breaks.
     void FailUnseen(ExternalSink::Callback callback, const char* name)
     {
         for (const bool forEver : {false, true}) {
+            std::size_t struck = 0;
             for (std::size_t n = 1;; n += m_choice.stride) {
+                const int descriptor = NextDescriptor();
                 ExternalSink sink;
-                sink.NoteNoCalls();
                 sink.Fail(callback, n, EIO, forEver);
-                m_scenario.Run(m_path, sink.Table());
+                std::vector<std::size_t> callsAfter;
+                m_scenario.Run(m_path, sink.Table(), [&](bool inside) {
+                    if (!inside)
+                        callsAfter.push_back(sink.Calls().size());
+                });
                 if (sink.Struck(callback) == 0)
                     break;
-                std::string wrong = CompareResults(m_scenario);
-                const bool harmless =
-                    callback == ExternalSink::kFlush || callback == ExternalSink::kClose;
-                if (wrong.empty() && harmless && sink.Data() != m_whole.bytes)
-                    wrong = "the file is another";
-                m_report.Add(name, Where(n, EIO, forEver), wrong + LeftOver(false));
+                ++struck;
+                std::string wrong = JudgeUnseen(callback, sink, callsAfter) + LeftOver(false);
+                if (wrong.empty() && NextDescriptor() != descriptor)
+                    wrong = "a file was left open";
+                m_report.Add(name, Where(n, EIO, forEver), wrong);
             }
+            RequireAll(callback, name, struck);
         }
     }
 
@@ -86,6 +107,62 @@ public:
     }
 
 private:
+    void RequireAll(ExternalSink::Callback callback, const char* name, std::size_t struck)
+    {
+        m_report.Require(name, m_scenario.Plan().name, struck,
+                         (m_whole.called[callback] + m_choice.stride - 1) / m_choice.stride);
+    }
+
+    std::string JudgeUnseen(ExternalSink::Callback callback, const ExternalSink& sink,
+                            const std::vector<std::size_t>& callsAfter)
+    {
+        if (const std::string wrong = CompareResults(m_scenario); !wrong.empty())
+            return wrong;
+        if (sink.Called(ExternalSink::kOpen) != 1 || sink.Called(ExternalSink::kClose) != 1)
+            return "not opened and closed once";
+        const bool harmless = callback == ExternalSink::kFlush || callback == ExternalSink::kClose;
+        if (harmless && sink.Data() != m_whole.bytes)
+            return "the file is another";
+        for (std::size_t step = 0; step < callsAfter.size(); ++step) {
+            const auto calls = [step](const auto& all, const auto& after) {
+                return std::span(all).subspan(step == 0 ? 0 : after[step - 1],
+                                              after[step] - (step == 0 ? 0 : after[step - 1]));
+            };
+            const std::string wrong = JudgeCalls(step, calls(sink.Calls(), callsAfter),
+                                                 calls(m_whole.calls, m_whole.callsAfter), harmless);
+            if (!wrong.empty())
+                return "step " + std::to_string(step) + ": " + wrong;
+        }
+        return {};
+    }
+
+    // The calls of a step are those of the run without a fault, but for the places that seeks go to.
+    // A wrong position moves checkpoints as well: of a step with one more or less, the frame's own.
+    std::string JudgeCalls(std::size_t step, std::span<const std::string> is,
+                           std::span<const std::string> wanted, bool harmless) const
+    {
+        if (m_scenario.Checkpoints()[step] != m_whole.checkpoints[step]) {
+            const bool units = !m_scenario.Plan().proRes &&
+                               m_scenario.Steps()[step].name == std::string("video frame");
+            const std::size_t own = units ? 2 : 1;
+            if (harmless || is.size() < own)
+                return "no call of its own";
+            is = is.last(own);
+            wanted = wanted.last(own);
+        }
+        if (is.size() != wanted.size())
+            return std::to_string(is.size()) + " calls, not " + std::to_string(wanted.size());
+        for (std::size_t n = 0; n < is.size(); ++n) {
+            std::string_view call = is[n];
+            if (call.ends_with(" failed"))
+                call.remove_suffix(7);
+            const bool seeks = call.starts_with("seek ") && wanted[n].starts_with("seek ");
+            if (call != wanted[n] && (harmless || !seeks))
+                return std::string(call) + ", not " + wanted[n];
+        }
+        return {};
+    }
+
     std::string Where(std::size_t n, int error, bool forEver) const
     {
         return std::string(m_scenario.Plan().name) + ", call " + std::to_string(n) + ", errno " +

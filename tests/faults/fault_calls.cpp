@@ -39,6 +39,15 @@ public:
         if (wrong.empty() && std::filesystem::exists(m_log))
             wrong = "the log stayed";
         m_report.Add("nothing", m_scenario.Plan().name, wrong);
+        const FaultPlan& plan = m_scenario.Plan();
+        for (const SysCall call : {SysCall::Open, SysCall::Write, SysCall::Seek, SysCall::Close})
+            RequireSome(call, SysFile::Media);
+        if (plan.IsSafe() || plan.HasLog())
+            RequireSome(SysCall::Sync, SysFile::Media);
+        if (plan.HasLog())
+            for (const SysCall call : {SysCall::Open, SysCall::Write, SysCall::Sync, SysCall::Close,
+                                       SysCall::Unlink})
+                RequireSome(call, SysFile::Log);
         return wrong.empty();
     }
 
@@ -47,20 +56,20 @@ public:
         for (const Way& way : kWays) {
             if (way.half && call != SysCall::Write)
                 continue;
+            std::size_t struck = 0;
             for (std::size_t n = 1; FailNth({call, file, n, 0, way.forEver, way.half}, way.name);
-                 n += m_choice.stride) {
-            }
+                 n += m_choice.stride)
+                ++struck;
+            m_report.Require(Name(call, file) + " " + way.name, m_scenario.Plan().name, struck,
+                             (CallsOf(call, file) + m_choice.stride - 1) / m_choice.stride);
         }
     }
 
     // No error at all, but a write that takes half of its bytes: the rest goes with the next.
     void ShortWrites(SysFile file)
     {
-        const auto writes =
-            std::count_if(m_events.begin(), m_events.end(), [file](const SysEvent& event) {
-                return event.call == SysCall::Write && event.file == file;
-            });
-        for (std::size_t n = 1; n <= static_cast<std::size_t>(writes); n += m_choice.stride) {
+        const std::size_t writes = CallsOf(SysCall::Write, file);
+        for (std::size_t n = 1; n <= writes; n += m_choice.stride) {
             const SysFault fault{SysCall::Write, file, n, 0, false, false};
             Run(fault);
             m_report.Add("write, half taken", Where(fault), Unharmed(false));
@@ -68,6 +77,25 @@ public:
     }
 
 private:
+    static std::string Name(SysCall call, SysFile file)
+    {
+        return std::string(file == SysFile::Log ? "log " : "media ") + NameOf(call);
+    }
+
+    // How many the run without a fault made.
+    std::size_t CallsOf(SysCall call, SysFile file) const
+    {
+        return static_cast<std::size_t>(
+            std::count_if(m_events.begin(), m_events.end(), [=](const SysEvent& event) {
+                return event.call == call && event.file == file;
+            }));
+    }
+
+    void RequireSome(SysCall call, SysFile file)
+    {
+        m_report.Require(Name(call, file), m_scenario.Plan().name, CallsOf(call, file), 1);
+    }
+
     std::vector<SysEvent> Run(const SysFault& fault)
     {
         std::filesystem::remove(m_path);
@@ -112,12 +140,10 @@ private:
         const bool noMedium = fault.call == SysCall::Sync && fault.error == EROFS;
         std::string wrong = noMedium                     ? Unharmed(false)
                             : fault.file == SysFile::Log ? JudgeLogFault(fault, error, struck->step)
-                                                         : JudgeMediaFault(fault, error, place);
+                                                         : JudgeMediaFault(fault, error, place, events);
         if (wrong.empty() && NextDescriptor() != descriptor)
             wrong = "a file was left open";
-        m_report.Add(std::string(fault.file == SysFile::Log ? "log " : "media ") +
-                         NameOf(fault.call) + " " + way,
-                     Where(fault), wrong);
+        m_report.Add(Name(fault.call, fault.file) + " " + way, Where(fault), wrong);
         return true;
     }
 
@@ -161,7 +187,8 @@ private:
     // The stream moves when a box is ended, at a checkpoint, and to know its position, where nobody
     // looks at a failure: -1 is then the position that the library goes by. So it shows later than
     // it happened, or not at all; a file that nobody complained of must be sound.
-    std::string JudgeSeekFault(const FaultError& error, std::size_t step)
+    std::string JudgeSeekFault(const FaultError& error, std::size_t step,
+                               const std::vector<SysEvent>& events)
     {
         const auto& steps = m_scenario.Steps();
         const auto& results = m_scenario.Results();
@@ -171,13 +198,22 @@ private:
             ++first;
         if (first == steps.size())
             return JudgeFile(m_scenario.Samples(), m_scenario.SamplesBefore(first), Content(m_path));
-        Failure failure{first, {results[first]}, {}};
-        if (results[first].value == error.error || results[first].value == error.status)
-            failure.later = error.status;
-        else if (results[first].value == EINVAL || results[first].value == 1)
-            failure.later = 1;
-        else
-            return "threw or returned " + std::to_string(results[first].value);
+        // Its own error, or that of the next seek, which goes to -1. Checkpoints and bare pictures
+        // throw; where a checkpoint was over, and in a bare picture behind a flush, the status tells.
+        const bool throws =
+            m_scenario.Checkpoints()[first] != 0 ||
+            (m_scenario.Plan().proRes && steps[first].name == std::string("video frame"));
+        Failure failure{first, {}, {}};
+        for (const auto& [code, status] : {std::pair{error.error, error.status},
+                                           std::pair{EINVAL, std::uint32_t{MP4_ERR_FAILED}}}) {
+            const StepResult told{StepResult::kStatus, status};
+            const StepResult threw{StepResult::kThrewCode, code};
+            failure.atStep.push_back(told);
+            if (throws)
+                failure.atStep.push_back(threw);
+            if (!failure.later && (results[first] == told || (throws && results[first] == threw)))
+                failure.later = status;
+        }
         if (const std::string wrong = CompareResults(m_scenario, failure); !wrong.empty())
             return wrong;
         if (first + 1 < steps.size()) {
@@ -192,17 +228,22 @@ private:
         }
         if (!m_scenario.Plan().HasLog())
             return {};
-        return std::filesystem::exists(m_log) ? JudgeKeptLog(m_scenario, m_path, 0)
+        std::size_t flushed = 0;
+        for (const SysEvent& event : events)
+            if (event.file == SysFile::Log && event.call == SysCall::Sync && event.step < first)
+                flushed = event.step;
+        return std::filesystem::exists(m_log) ? JudgeKeptLog(m_scenario, m_path, flushed)
                                               : "the log is gone";
     }
 
-    std::string JudgeMediaFault(const SysFault& fault, const FaultError& error, std::size_t place)
+    std::string JudgeMediaFault(const SysFault& fault, const FaultError& error, std::size_t place,
+                                const std::vector<SysEvent>& events)
     {
         if (fault.call == SysCall::Close)
             return Unharmed(false);
         const std::size_t step = m_events[place].step;
         if (fault.call == SysCall::Seek && step != 0)
-            return JudgeSeekFault(error, step);
+            return JudgeSeekFault(error, step, events);
         const StepResult status{StepResult::kStatus, error.status};
         const auto& steps = m_scenario.Steps();
         if (steps[step].answer == Answer::Create) {

@@ -54,23 +54,32 @@ public:
         if (!file.Has("moov/trak.vide") || std::filesystem::exists(m_log))
             wrong = "not repaired";
         m_report.Add("nothing", m_plan.name, wrong);
+        for (const SysCall call : {SysCall::Open, SysCall::Write, SysCall::Seek, SysCall::Sync,
+                                   SysCall::Close})
+            m_report.Require(Name(call, SysFile::Media), m_plan.name,
+                             CallsOf(call, SysFile::Media), 1);
+        for (const SysCall call : {SysCall::Open, SysCall::Read, SysCall::Close, SysCall::Unlink})
+            m_report.Require(Name(call, SysFile::Log), m_plan.name, CallsOf(call, SysFile::Log), 1);
         return wrong.empty();
     }
 
     void Fail(SysCall call, SysFile file)
     {
-        for (const bool forEver : {false, true})
-            for (std::size_t n = 1; FailNth({call, file, n, 0, forEver, false}); n += m_choice.stride) {
-            }
+        for (const bool forEver : {false, true}) {
+            std::size_t struck = 0;
+            for (std::size_t n = 1; FailNth({call, file, n, 0, forEver, false}); n += m_choice.stride)
+                ++struck;
+            m_report.Require(Name(call, file) + (forEver ? " for ever" : " once"), m_plan.name,
+                             struck,
+                             (CallsOf(call, file) + m_choice.stride - 1) / m_choice.stride);
+        }
     }
 
     // A read or write that moves half of its bytes is no failure.
     void Halve(SysCall call, SysFile file)
     {
-        const auto calls = std::count_if(m_events.begin(), m_events.end(), [=](const SysEvent& e) {
-            return e.call == call && e.file == file;
-        });
-        for (std::size_t n = 1; n <= static_cast<std::size_t>(calls); n += m_choice.stride) {
+        const std::size_t calls = CallsOf(call, file);
+        for (std::size_t n = 1; n <= calls; n += m_choice.stride) {
             const SysFault fault{call, file, n, 0, false, false};
             const std::uint32_t status = Repair(fault);
             m_report.Add(std::string(NameOf(call)) + ", half moved", Where(fault),
@@ -79,6 +88,20 @@ public:
     }
 
 private:
+    static std::string Name(SysCall call, SysFile file)
+    {
+        return std::string(file == SysFile::Log ? "log " : "media ") + NameOf(call);
+    }
+
+    // How many the repair without a fault made.
+    std::size_t CallsOf(SysCall call, SysFile file) const
+    {
+        return static_cast<std::size_t>(
+            std::count_if(m_events.begin(), m_events.end(), [=](const SysEvent& event) {
+                return event.call == call && event.file == file;
+            }));
+    }
+
     std::uint32_t Repair(const SysFault& fault)
     {
         WriteBytes(m_path, m_media);
@@ -126,8 +149,7 @@ private:
         std::string wrong = Judge(fault, error, status);
         if (wrong.empty() && NextDescriptor() != descriptor)
             wrong = "a file was left open";
-        m_report.Add(std::string(fault.file == SysFile::Log ? "log " : "media ") +
-                         NameOf(fault.call) + (fault.forEver ? " for ever" : " once"),
+        m_report.Add(Name(fault.call, fault.file) + (fault.forEver ? " for ever" : " once"),
                      Where(fault), wrong);
         return true;
     }

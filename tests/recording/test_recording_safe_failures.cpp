@@ -10,6 +10,7 @@
 #include <cerrno>
 #include <filesystem>
 #include <stdexcept>
+#include <string>
 
 using namespace kvtest;
 using testing::ElementsAre;
@@ -45,6 +46,22 @@ std::size_t WritesOfACheckpoint()
     out.sink.ForgetCalls();
     EXPECT_EQ(out.Cross(), 0u);
     return out.sink.Count("write") - 1;  // less the frame
+}
+
+// Which seek of the checkpoint goes there first, from 1.
+std::size_t SeekOfACheckpoint(const std::string& place)
+{
+    BeforeACheckpoint out;
+    out.sink.ForgetCalls();
+    EXPECT_EQ(out.Cross(), 0u);
+    std::size_t n = 0;
+    for (const std::string& call : out.sink.Calls()) {
+        n += call.starts_with("seek ");
+        if (call == place)
+            return n;
+    }
+    ADD_FAILURE() << "no " << place;
+    return 1;
 }
 
 }  // namespace
@@ -109,8 +126,8 @@ TEST(AWriteThatThrowsInACheckpoint, LeavesTheCallAndTheMoovInForceAlone)
     EXPECT_THAT(out.File().Complaints(), IsEmpty());
 }
 
-// Nothing that an output does in a seek or a flush is looked at.
-TEST(ASeekOrFlushThatFails, GoesUnnoticed)
+// Nothing that an output does in a flush is looked at.
+TEST(AFlushThatFailsInACheckpoint, GoesUnnoticed)
 {
     BeforeACheckpoint out;
     ExternalIoFuncs* const table = out.sink.Table();
@@ -118,6 +135,41 @@ TEST(ASeekOrFlushThatFails, GoesUnnoticed)
     table->flush = [](void*) { errno = EIO; };
     EXPECT_EQ(out.Cross(), 0u);
     table->flush = flush;
+    EXPECT_THAT(out.rec.Close().Complaints(), IsEmpty());
+}
+
+// Nor in a seek, so that the next write goes where the output stood. A size of mdat that so went to
+// 744 lies below the frame, and the moov before stays in force until the close.
+TEST(ASeekThatFailsInACheckpoint, LeavesTheMoovInForceWhenItWasThatOfTheSwitch)
+{
+    BeforeACheckpoint out;
+    out.sink.Fail(ExternalSink::kSeek, SeekOfACheckpoint("seek 36 0"), EIO, false);
+    EXPECT_EQ(out.Cross(), 0u);
+    EXPECT_EQ(out.sink.File().U32(36), 1044u - 36);
+    EXPECT_EQ(out.sink.File().U32(744), 0x01010101u);  // of the frame
+    EXPECT_EQ(out.sink.File().Find("moov").begin, 1044u);
+    EXPECT_THAT(out.File().Complaints(), IsEmpty());
+    EXPECT_THAT(out.rec.Close().Complaints(), IsEmpty());
+}
+
+// The new moov so begins at 744, and runs over the one in force. Only its size goes to 1744, counted
+// from there, and the switch follows it: the file has no moov until the close.
+TEST(ASeekThatFailsInACheckpoint, LeavesNoMoovWhenItWasThatToItsPlace)
+{
+    BeforeACheckpoint sound;
+    EXPECT_EQ(sound.Cross(), 0u);
+    const std::uint32_t size = sound.sink.File().U32(1744);
+    ASSERT_GT(size, 300u);
+    ASSERT_LT(size, 1000u);
+
+    BeforeACheckpoint out;
+    out.sink.Fail(ExternalSink::kSeek, SeekOfACheckpoint("seek 1744 0"), EIO, false);
+    EXPECT_EQ(out.Cross(), 0u);
+    const BoxFile file = out.sink.File();
+    EXPECT_EQ(file.All().size(), 1744u + 4);
+    EXPECT_EQ(file.U32(36), 1744u - 36);
+    EXPECT_EQ(file.U32(1744), size - 1000);
+    EXPECT_FALSE(file.Has("moov"));
     EXPECT_THAT(out.rec.Close().Complaints(), IsEmpty());
 }
 

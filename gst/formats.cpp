@@ -115,10 +115,14 @@ void ReadAacConfig(const GstStructure* structure, Format::Fixed& fixed)
         Refuse("The codec_data of the AAC describes nothing that can be recorded.");
     fixed.objectType = static_cast<std::uint8_t>(type);
     fixed.rate = static_cast<std::uint16_t>(rate);
-    if (layout == 7)
-        fixed.channels = 8;
-    else if (layout != 0)
+    // The library writes what it is told as the configuration of an AudioSpecificConfig again: the
+    // number of channels up to 6. In place of a program config element stands the usual layout.
+    if (layout != 0)
         fixed.channels = static_cast<std::uint16_t>(layout);
+    else if (fixed.channels > 6)
+        fixed.channels = fixed.channels == 7 ? 11 : 7;
+    if (fixed.channels == 15 || (fixed.channels >= 8 && fixed.channels <= 10))
+        Refuse("The codec_data of the AAC has a channel configuration that is reserved.");
 }
 
 Format ReadAudio(const GstStructure* structure)

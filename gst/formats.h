@@ -61,7 +61,8 @@ unsigned ParameterSetsIn(const Format::Fixed& video, const std::uint8_t* data, s
 // All that a stream needs; 0 for ProRes.
 unsigned ParameterSetsOf(const Format::Fixed& video);
 
-// The library's frame for a caption buffer. Empty when there is nothing in it.
+// The library's frame for a caption buffer. Empty when there is nothing in it, or
+// more than 255 bytes of a packet or pairs.
 std::vector<std::uint8_t> PackCaption(const Format::Fixed& caption, const std::uint8_t* data,
                                       std::size_t size);
 // A caption frame that says nothing.

@@ -8,6 +8,7 @@ namespace {
 constexpr std::uint8_t kMark = 0x61;
 constexpr std::uint8_t kLine21 = 2;  // the marks of the library's frames
 constexpr std::uint8_t kPacket = 1;
+constexpr std::size_t kMost = 255;   // bytes or pairs, which are counted in a byte
 constexpr std::uint8_t kFirstField = 0xfc;  // cc_data: marker bits, cc_valid, field
 constexpr std::uint8_t kSecondField = 0xfd;
 
@@ -17,7 +18,7 @@ std::vector<std::uint8_t> PackCaption(const Format::Fixed& caption, const std::u
                                       std::size_t size)
 {
     if (caption.codec == MP4_SUBTITLE_CEA708) {
-        if (size == 0 || size > 255)
+        if (size == 0 || size > kMost)
             return {};
         std::vector<std::uint8_t> frame{kMark, kPacket, static_cast<std::uint8_t>(size)};
         frame.insert(frame.end(), data, data + size);
@@ -32,7 +33,7 @@ std::vector<std::uint8_t> PackCaption(const Format::Fixed& caption, const std::u
         frame.insert(frame.end(), {first ? kFirstField : kSecondField, data[at + entry - 2],
                                    data[at + entry - 1]});
     }
-    return size < entry ? std::vector<std::uint8_t>{} : frame;
+    return size < entry || size / entry > kMost ? std::vector<std::uint8_t>{} : frame;
 }
 
 std::vector<std::uint8_t> CaptionPadding(const Format::Fixed& caption)

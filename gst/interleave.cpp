@@ -1,5 +1,7 @@
 #include "interleave.h"
 
+#include "undated.h"
+
 #include <algorithm>
 #include <array>
 #include <memory>
@@ -19,6 +21,7 @@ struct Stream {
     std::optional<std::int64_t> reorderDelay;  // of the first frame, ns
     std::int64_t last = 0;                     // the time of the last frame, ns
     std::int64_t span = 0;                     // and how long it lasts
+    Undated undated;                           // pictures that wait for their decoding times
     bool reordered = false;
     bool remarked = false;  // and told
     bool broken = false;
@@ -175,14 +178,49 @@ void Remark(GstElement* element, Stream& stream, Kind kind, Recorder::Result res
     }
     if (result == Recorder::Result::kBroken && !stream.broken) {
         PostWarning(element, GST_STREAM_ERROR, GST_STREAM_ERROR_DECODE,
-                    kind == Kind::kVideo ? "A video frame without a start code is left out."
-                                         : "An audio frame that is no ADTS is left out.");
+                    kind == Kind::kVideo   ? "A video frame without a start code is left out."
+                    : kind == Kind::kAudio ? "An audio frame that is no ADTS is left out."
+                                           : "A caption of more than 255 bytes or pairs is left "
+                                             "out.");
         stream.broken = true;
     }
     if (result == Recorder::Result::kWaiting && !stream.waited) {
-        GST_WARNING_OBJECT(element, "the video waits for its parameter sets");
+        PostWarning(element, GST_STREAM_ERROR, GST_STREAM_ERROR_FORMAT,
+                    "Pictures are left out until the video brings all its parameter sets.");
         stream.waited = true;
     }
+}
+
+void PostTrouble(State& state)
+{
+    if (const auto trouble = state.recorder->NewTrouble())
+        PostWarning(state.element, trouble->domain, trouble->code, trouble->text.c_str());
+}
+
+void Write(State& state, Kind kind, GstBuffer* buffer, std::int64_t time)
+{
+    const Recorder::Result result = state.recorder->Write(kind, buffer, time);
+    Remark(state.element, state.streams[static_cast<std::size_t>(kind)], kind, result);
+    PostTrouble(state);
+    if (const auto checkpoint = state.recorder->NewCheckpoint())
+        PostCheckpoint(state.element, *checkpoint);
+}
+
+// All that is held, or what need not be any longer.
+void WriteUndated(State& state, Kind kind, bool all)
+{
+    Stream& stream = state.streams[static_cast<std::size_t>(kind)];
+    while (const auto picture = stream.undated.Pop(all))
+        Write(state, kind, picture->buffer.get(), picture->time);
+}
+
+// Times may begin anew, as of another stream.
+void BeginAnew(State& state, Kind kind)
+{
+    WriteUndated(state, kind, true);
+    Stream& stream = state.streams[static_cast<std::size_t>(kind)];
+    stream.undated = {};
+    stream.reorderDelay.reset();
 }
 
 void Record(GstAggregator* aggregator, const Head& head)
@@ -197,16 +235,20 @@ void Record(GstAggregator* aggregator, const Head& head)
     }
     const bool gap = GST_BUFFER_FLAG_IS_SET(head.buffer, GST_BUFFER_FLAG_GAP) &&
                      gst_buffer_get_size(head.buffer) == 0;
-    const Recorder::Result result =
-        gap ? Recorder::Result::kNothing : state.recorder->Write(head.kind, head.buffer, head.time);
+    if (!gap && GST_BUFFER_PTS_IS_VALID(head.buffer) && !GST_BUFFER_DTS_IS_VALID(head.buffer) &&
+        state.recorder->MayReorder(head.kind)) {
+        stream.undated.Push(head.buffer, head.time, state.recorder->StepOf(head.kind));
+        stream.reordered = stream.reordered || stream.undated.Reorders();
+        WriteUndated(state, head.kind, false);
+    } else if (!gap) {
+        WriteUndated(state, head.kind, true);
+        Write(state, head.kind, head.buffer, head.time);
+    }
     const GstClockTime span = GST_BUFFER_DURATION(head.buffer);
     stream.last = head.time;
     // matroskademux gives ProRes neither times nor lengths.
     stream.span = GST_CLOCK_TIME_IS_VALID(span) ? static_cast<std::int64_t>(span)
                                                 : state.recorder->StepOf(head.kind);
-    Remark(state.element, stream, head.kind, result);
-    if (const auto checkpoint = state.recorder->NewCheckpoint())
-        PostCheckpoint(state.element, *checkpoint);
 }
 
 void Fail(State& state, const Failure& failure)
@@ -275,6 +317,13 @@ gboolean SinkEvent(GstAggregator* aggregator, GstAggregatorPad* pad, GstEvent* e
 {
     State& state = StateOf(aggregator);
     try {
+        if (!state.failed && state.recorder->IsOpen()) {
+            if (GST_EVENT_TYPE(event) == GST_EVENT_STREAM_START)
+                BeginAnew(state, KindOfPad(pad));
+            else if (GST_EVENT_TYPE(event) == GST_EVENT_CAPS ||
+                     GST_EVENT_TYPE(event) == GST_EVENT_EOS)
+                WriteUndated(state, KindOfPad(pad), true);
+        }
         if (GST_EVENT_TYPE(event) == GST_EVENT_CAPS) {
             GstCaps* caps = nullptr;
             gst_event_parse_caps(event, &caps);
@@ -290,6 +339,7 @@ gboolean SinkEvent(GstAggregator* aggregator, GstAggregatorPad* pad, GstEvent* e
             gst_event_parse_tag(event, &tags);
             state.tags.reset(gst_tag_list_merge(state.tags.get(), tags, GST_TAG_MERGE_REPLACE));
             state.recorder->SetTags(AllTags(state).get());
+            PostTrouble(state);
         }
     } catch (const Failure& failure) {
         Fail(state, failure);
@@ -302,8 +352,17 @@ gboolean SinkEvent(GstAggregator* aggregator, GstAggregatorPad* pad, GstEvent* e
 GstFlowReturn Flush(GstAggregator* aggregator)
 {
     State& state = StateOf(aggregator);
-    for (Stream& stream : state.streams)
-        stream.last = stream.span = 0;
+    try {
+        for (const Kind kind : {Kind::kVideo, Kind::kAudio, Kind::kCaption}) {
+            if (!state.failed && state.recorder->IsOpen())
+                BeginAnew(state, kind);
+            Stream& stream = state.streams[static_cast<std::size_t>(kind)];
+            stream.last = stream.span = 0;
+        }
+    } catch (const Failure& failure) {
+        Fail(state, failure);
+        return GST_FLOW_ERROR;
+    }
     state.recorder->Flush();
     return GST_FLOW_OK;
 }
@@ -395,10 +454,13 @@ bool FinishRecording(GstElement* interleave)
         }
         return true;
     };
-    const bool tagged = succeeds([&] {
+    const bool written = succeeds([&] {
+        if (!state.failed && state.recorder->IsOpen())
+            WriteUndated(state, Kind::kVideo, true);
         state.recorder->SetTags(AllTags(state).get());
+        PostTrouble(state);
     });
-    return succeeds([&] { state.recorder->Close(); }) && tagged;
+    return succeeds([&] { state.recorder->Close(); }) && written;
 }
 
 void PostError(GstElement* element, const Failure& failure)

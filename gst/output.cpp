@@ -85,11 +85,14 @@ std::int32_t Output::Read(void* context, void* buffer, std::uint32_t size)
 
 std::int32_t Output::Write(void* context, const void* buffer, std::uint32_t size)
 {
+    Output& self = Of(context);
     const char* from = static_cast<const char*>(buffer);
     while (size > 0) {
-        const ssize_t count = write(Of(context).m_file, from, size);
-        if (count < 0 && errno != EINTR)
+        const ssize_t count = write(self.m_file, from, size);
+        if (count < 0 && errno != EINTR) {
+            self.m_hasFailed = true;
             return 0;
+        }
         if (count < 0)
             continue;
         from += count;

@@ -23,6 +23,8 @@ public:
     int OpenError() const { return m_openError; }
     // The same of the close, where some file systems tell of what they took before.
     int CloseError() const { return m_closeError; }
+    // Whether a write has failed; the library then takes no more.
+    bool HasFailed() const { return m_hasFailed; }
 
 private:
     static Output& Of(void* context);
@@ -39,6 +41,7 @@ private:
     int m_file = -1;
     int m_openError = 0;
     int m_closeError = 0;
+    bool m_hasFailed = false;
 };
 
 }  // namespace kvmp4sink

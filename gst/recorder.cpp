@@ -1,5 +1,8 @@
 #include "recorder.h"
 
+#include <cstdio>
+#include <utility>
+
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -31,7 +34,7 @@ std::wstring WidePath(const std::string& path)
 Recorder::~Recorder()
 {
     if (m_file)
-        mp4_close_file(m_file);
+        CloseFile();
     if (m_reader >= 0)
         close(m_reader);
 }
@@ -40,8 +43,37 @@ void Recorder::Check(std::uint32_t status, const char* doing)
 {
     if (status == MP4_OK)
         return;
+    if (IsOfTheLog(status)) {
+        m_trouble = FailureOf(status, "The recording goes on without its log; writing \"" +
+                                          m_settings.location + ".info\" failed");
+        return;
+    }
     m_failed = true;
     throw FailureOf(status, doing + (" \"" + m_settings.location + "\" failed"));
+}
+
+// When only the log fails, one call answers so, its frame is stored and the recording goes on. An
+// output that still takes frames drops an empty one with success, another one refuses it.
+bool Recorder::IsOfTheLog(std::uint32_t status)
+{
+    constexpr std::uint8_t kNothing = 0;
+    return m_file && m_settings.infoFile && status != MP4_ERR_INVALID_PARAM &&
+           !(m_output && m_output->HasFailed()) &&
+           mp4_write_video_frame(m_file, &kNothing, 0, 0) == MP4_OK;
+}
+
+// A recording that failed has no index, and its log is all that can give it one. The library knows
+// this of its own output; behind another it removes the log, by its path, as after a good end.
+std::uint32_t Recorder::CloseFile()
+{
+    const std::string log = m_settings.location + ".info";
+    const std::string aside = log + ".kept";
+    const bool keep = m_settings.infoFile && m_output && m_output->HasFailed() &&
+                      std::rename(log.c_str(), aside.c_str()) == 0;
+    const std::uint32_t status = mp4_close_file(std::exchange(m_file, nullptr));
+    if (keep)
+        std::rename(aside.c_str(), log.c_str());
+    return status;
 }
 
 void Recorder::Open(const Settings& settings)
@@ -76,6 +108,7 @@ void Recorder::Open(const Settings& settings)
     m_origin.reset();
     m_end = 0;
     m_flushed = m_failed = false;
+    m_trouble.reset();
     m_metadata.clear();
     m_duration = 0;
     m_bytes = 0;
@@ -91,12 +124,13 @@ void Recorder::Open(const Settings& settings)
         mp4_repair_set_flush_interval(file, settings.infoFlush);
 
     struct stat about {};
-    if (settings.safeMode && stat(path.c_str(), &about) == 0 && S_ISREG(about.st_mode))
+    if ((settings.safeMode || !settings.largeFile) && stat(path.c_str(), &about) == 0 && S_ISREG(about.st_mode))
         m_reader = open(path.c_str(), O_RDONLY | O_CLOEXEC);
 }
 
 void Recorder::SetSafeParameters(const mp4_safe_param& parameters)
 {
+    m_settings.safe = parameters;
     Check(mp4_set_safe_param(m_file, &parameters), "Setting up");
 }
 
@@ -122,12 +156,16 @@ void Recorder::SetCaps(Kind kind, const GstCaps* caps)
                           " changes in the middle of the recording, and a "
                           "track has one description only."};
     track.format = format;
+    if (track.announced)  // the track keeps its ticks
+        track.step = static_cast<std::uint32_t>(
+            gst_util_uint64_scale_round(format.step, track.timescale, format.timescale));
 }
 
 void Recorder::Announce(Kind kind, Track& track)
 {
     const Format& format = *track.format;
     track.timescale = format.timescale;
+    track.step = format.step;
     std::uint32_t status = 0;
     if (kind == Kind::kVideo) {
         mp4_video_track_info info{};  // the parameter sets are taken from the stream

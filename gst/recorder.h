@@ -12,6 +12,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <utility>
 
 namespace kvmp4sink {
 
@@ -58,8 +59,12 @@ public:
     Result Write(Kind kind, GstBuffer* buffer, std::int64_t time);
     // How long a frame lasts by the caps, in nanoseconds; 0 if they do not tell.
     std::int64_t StepOf(Kind kind) const;
+    // Whether pictures may come in another order than they are shown.
+    bool MayReorder(Kind kind) const;
     // Times may begin anew: what follows goes behind what is recorded.
     void Flush() { m_flushed = true; }
+    // What has gone wrong without ending the recording, once: its log.
+    std::optional<Failure> NewTrouble() { return std::exchange(m_trouble, std::nullopt); }
     // What a crash from now on would leave, if that has changed; only in safe mode.
     std::optional<Checkpoint> NewCheckpoint();
     void Close();
@@ -77,7 +82,7 @@ private:
         std::uint32_t timescale = 0;
         std::int64_t last = 0;  // ticks, of the last frame
         std::int64_t gap = 0;   // ticks between the last two
-        std::uint32_t step = 0;
+        std::uint32_t step = 0;  // ticks of the track that a frame lasts now, 0 if unknown
     };
 
     Track& Of(Kind kind) { return m_tracks[static_cast<std::size_t>(kind)]; }
@@ -87,7 +92,10 @@ private:
     Result WriteBytes(Kind kind, const std::uint8_t* data, std::size_t size, std::int64_t ticks);
     std::int64_t TicksOf(Kind kind, const Track& track, std::int64_t time) const;
     void FinishCaptions();
+    void StopAtTheLimit(std::size_t size);
+    std::uint32_t CloseFile();
     void Check(std::uint32_t status, const char* doing);
+    bool IsOfTheLog(std::uint32_t status);
 
     Settings m_settings;
     mp4_handle m_file = nullptr;
@@ -102,6 +110,7 @@ private:
     std::int64_t m_end = 0;                // of the last frame, ns from the origin
     bool m_flushed = false;
     bool m_failed = false;
+    std::optional<Failure> m_trouble;
     std::map<std::string, std::string> m_metadata;  // as the file has it
 
     std::atomic<GstClockTime> m_duration{0};

@@ -6,6 +6,7 @@
 #include <cstring>
 #include <utility>
 
+#include <sys/stat.h>
 #include <unistd.h>
 
 namespace kvmp4sink {
@@ -73,6 +74,8 @@ Recorder::Result Recorder::Write(Kind kind, GstBuffer* buffer, std::int64_t time
     std::vector<std::uint8_t> packed;
     if (kind == Kind::kCaption) {
         packed = PackCaption(track.format->fixed, data, size);
+        if (packed.empty() && size > 255)
+            return Result::kBroken;
         data = packed.data();
         size = packed.size();
     } else if (kind == Kind::kAudio) {
@@ -82,6 +85,7 @@ Recorder::Result Recorder::Write(Kind kind, GstBuffer* buffer, std::int64_t time
     }
     if (size == 0)
         return Result::kNothing;
+    StopAtTheLimit(size);
     if (!track.announced)
         Announce(kind, track);
 
@@ -114,11 +118,45 @@ Recorder::Result Recorder::Write(Kind kind, GstBuffer* buffer, std::int64_t time
     track.gap = ticks - std::exchange(track.last, ticks);
     m_bytes += size;
     if (kind != Kind::kCaption) {
-        const std::int64_t step = track.format->step != 0 ? track.format->step : track.gap;
+        const std::int64_t step = track.step != 0 ? track.step : track.gap;
         m_end = std::max(m_end, Scale(ticks + step, GST_SECOND, track.timescale));
         m_duration = static_cast<GstClockTime>(m_end);
     }
     return Result::kRecorded;
+}
+
+bool Recorder::MayReorder(Kind kind) const
+{
+    const std::optional<Format>& format = Of(kind).format;
+    return kind == Kind::kVideo && format && format->fixed.codec != MP4_VIDEO_PRORES;
+}
+
+// Without 64-bit sizes whatever lies beyond 4 GiB could not be found. The recording ends in time, so
+// that its file is whole.
+void Recorder::StopAtTheLimit(std::size_t size)
+{
+    constexpr std::uint64_t kLimit = std::uint64_t{1} << 32;
+    constexpr std::uint64_t kHeldBack = 1 << 20;  // more than the library's output ever is
+    struct stat about {};
+    if (m_settings.largeFile || m_reader < 0 || fstat(m_reader, &about) != 0)
+        return;
+    // Start codes of 3 bytes become lengths of 4, each in front of a byte at least.
+    std::uint64_t end = static_cast<std::uint64_t>(about.st_size) + kHeldBack + size + size / 4;
+    if (m_settings.safeMode) {  // the next index counts, too
+        const mp4_safe_param& safe = m_settings.safe;
+        const std::uint64_t behind = end - kHeldBack;
+        const bool far = behind >= safe.threshold || safe.threshold == 0;
+        std::uint64_t distance = safe.min_interval;
+        if (safe.strategy != 0 && far)
+            distance = safe.max_interval;
+        else if (safe.strategy == 1 && safe.max_interval > safe.min_interval)
+            distance += gst_util_uint64_scale(safe.max_interval - safe.min_interval, behind,
+                                              safe.threshold);
+        end += size + distance;
+    }
+    if (end > kLimit)
+        throw Failure{GST_RESOURCE_ERROR, GST_RESOURCE_ERROR_NO_SPACE_LEFT,
+                      "The recording ends before 4 GiB; larger ones need \"large-file\"."};
 }
 
 std::int64_t Recorder::StepOf(Kind kind) const
@@ -131,7 +169,7 @@ std::int64_t Recorder::StepOf(Kind kind) const
 // leaves.
 std::optional<Checkpoint> Recorder::NewCheckpoint()
 {
-    if (m_reader < 0)
+    if (m_reader < 0 || !m_settings.safeMode)
         return std::nullopt;
     std::uint8_t head[8] = {};
     std::uint64_t size = 0;
@@ -154,6 +192,9 @@ std::optional<Checkpoint> Recorder::NewCheckpoint()
     constexpr std::uint64_t kOpen = 8;  // until the first checkpoint: 8, or 1 in a large file
     const std::uint64_t index = static_cast<std::uint64_t>(m_data) + size;
     if (size <= kOpen || index == m_index)
+        return std::nullopt;
+    // Beyond 4 GiB the size wraps and leads a reader astray.
+    if (!box(static_cast<std::int64_t>(index)) || std::memcmp(head + 4, "moov", 4) != 0)
         return std::nullopt;
     m_index = index;
     // The library makes it ahead of the frame that needs the room, which is not in it.
@@ -185,7 +226,7 @@ void Recorder::Close()
     } catch (const Failure& failure) {
         trouble = failure;
     }
-    const std::uint32_t status = mp4_close_file(std::exchange(m_file, nullptr));
+    const std::uint32_t status = CloseFile();
     const int closing = m_output ? m_output->CloseError() : 0;
     m_output.reset();
     if (m_reader >= 0)
@@ -197,6 +238,10 @@ void Recorder::Close()
     Check(status, "Finishing");
     if (closing != 0)
         throw FailureOfErrno(closing, "Finishing \"" + m_settings.location + "\" failed");
+    const Track& video = Of(Kind::kVideo);
+    if (video.announced && !video.begun)
+        throw Failure{GST_STREAM_ERROR, GST_STREAM_ERROR_FORMAT,
+                      "The file has no video: the stream never brought all its parameter sets."};
 }
 
 }  // namespace kvmp4sink

@@ -130,6 +130,8 @@ simple("a_configuration_of_a_reserved_rate", "own", "aac-config", "mp4a/esds$",
        lambda e: e.put(ESDS, 43, 0x1690, 2))
 simple("a_configuration_of_no_object", "own", "aac-config", "mp4a/esds$",
        lambda e: e.put(ESDS, 43, 0x0190, 2))
+simple("a_configuration_of_reserved_channels", "own", "aac-config", "mp4a/esds$",
+       lambda e: e.put(ESDS, 43, 0x11C0, 2))
 simple("a_configuration_of_another_rate", "own", "aac-rate", "stsd/mp4a$",
        lambda e: e.put(ESDS, 43, 0x1210, 2))
 simple("an_entry_of_another_rate", "own", "aac-rate", "stsd/mp4a$",

@@ -35,8 +35,14 @@ bool Takes(const std::string& pad, const std::string& caps)
     Take take;
     take.Caps(pad, caps);
     take.Frame(pad, Key(), 0);
+    take.Event(pad, gst_event_new_eos());
     take.Run();
-    return take.Refused() == 0;
+    // Caps that the element refuses itself end it with an error, and what was pushed is long taken.
+    GstMessage* end = take.Message(
+        static_cast<GstMessageType>(GST_MESSAGE_EOS | GST_MESSAGE_ERROR), true);
+    const bool ended = end && GST_MESSAGE_TYPE(end) == GST_MESSAGE_EOS;
+    gst_clear_message(&end);
+    return ended && take.Refused() == 0;
 }
 
 }  // namespace
@@ -237,6 +243,20 @@ TEST(GstElement, AnotherFrameRateInMidRecordingIsRecorded)
     take.Frame("video", Key(), 60 * kMs);
     EXPECT_THAT(take.Finish().Box("moov/trak.vide/mdia/minf/stbl/stts"),
                 ReadsAs("stts  1 x 3600, 2 x 1800"));
+}
+
+// 30 to 24000/1001: the track's ticks stay those of 30, the last picture lasts as the new caps say.
+TEST(GstElement, AnotherFrameRateIsCountedInTheTicksOfTheTrack)
+{
+    Take take;
+    const std::string caps = "video/x-h264,stream-format=byte-stream,alignment=au,width=160,"
+                             "height=120,framerate=";
+    take.Caps("video", caps + "30/1");
+    take.Frame("video", Key(), 0);
+    take.Caps("video", caps + "24000/1001");
+    take.Frame("video", Key(), GST_SECOND);
+    take.Finish();
+    EXPECT_NEAR(static_cast<double>(Number(take, "duration")), 1e9 + 1001e9 / 24000, 2e4);
 }
 
 TEST(GstElement, ABrokenFrameIsLeftOutWithAWarning)

@@ -8,6 +8,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <utility>
+
 using namespace kvtest;
 using testing::ElementsAre;
 using testing::HasSubstr;
@@ -60,6 +62,22 @@ TEST(GstCaptions, APacketStaysAsItIs)
     take.Frame("caption", {0x96, 0x69, 5}, 0);
     EXPECT_THAT(Samples(take.Finish(), "trak.clcp"),
                 ElementsAre(Bytes{0, 0, 0, 11, 'c', 'c', 'd', 'p', 0x96, 0x69, 5}));
+}
+
+TEST(GstCaptions, OneThatIsTooLongIsLeftOutWithAWarning)
+{
+    for (const auto& [caps, bytes] : {std::pair{kPackets, 256}, std::pair{kLine21, 256 * 3}}) {
+        for (const int less : {0, 1}) {
+            Take take;
+            Pictures(take, 1);
+            take.Caps("caption", caps);
+            const auto size = static_cast<std::size_t>(caps == kPackets ? bytes - less
+                                                                        : bytes - 3 * less);
+            take.Frame("caption", Bytes(size, 0x80), 0);
+            EXPECT_EQ(take.Finish().Has("moov/trak.clcp"), less == 1);
+            EXPECT_EQ(take.Warning() == "none", less == 1);
+        }
+    }
 }
 
 // The track begins with the recording, so a sample that says nothing goes in front.

@@ -6,6 +6,9 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <string>
+#include <vector>
+
 using namespace kvtest;
 using testing::AnyOf;
 using testing::ElementsAre;
@@ -159,6 +162,77 @@ TEST(GstFrames, ReorderedPicturesKeepTheirDecodingTimesWithAWarning)
               "their decoding times.");
 }
 
+// As behind matroskademux and RTP: the same pictures without decoding times.
+TEST(GstFrames, ReorderedPicturesWithoutDecodingTimesGoInEvenStepsWithAWarning)
+{
+    for (const std::vector<guint64>& group :
+         {std::vector<guint64>{3, 1, 2}, std::vector<guint64>{4, 2, 1, 3},
+          std::vector<guint64>{8, 4, 2, 1, 3, 6, 5, 7}}) {
+        Take take;
+        take.Caps("video", kH264);
+        take.Frame("video", Key(), GST_SECOND);
+        guint64 from = 0;
+        for (int i = 0; i < 5; ++i, from += group.size())
+            for (const guint64 shown : group)
+                take.Frame("video", Delta(), GST_SECOND + (from + shown) * 40 * kMs);
+        EXPECT_THAT(take.Finish().Box(kVideo + "stts"),
+                    ReadsAs("stts  " + std::to_string(from + 1) + " x 3600"));
+        EXPECT_EQ(take.Warning(),
+                  "gst-stream-error-quark 11: The video has B-frames: its pictures keep "
+                  "their decoding times.");
+    }
+}
+
+// The caps tell no step: but for the first group, whose third picture shows what comes.
+TEST(GstFrames, ReorderedPicturesAtAnyRateRiseEvenlyFromTheFirstThatFalls)
+{
+    Take take;
+    take.Caps("video", "video/x-h264,stream-format=byte-stream,alignment=au,width=160,height=120");
+    take.Frame("video", Key(), 0);
+    for (guint64 from = 0; from < 9; from += 3)
+        for (const guint64 shown : {3u, 1u, 2u})
+            take.Frame("video", Delta(), (from + shown) * 40 * kMs);
+    // The first of them stands where it is shown, the next two a tick behind.
+    EXPECT_THAT(take.Finish().Box(kVideo + "stts"),
+                ReadsAs("stts  1 x 10800, 2 x 1, 1 x 3598, 6 x 3600"));
+}
+
+// A camera that left out two pictures.
+TEST(GstFrames, APauseWithoutDecodingTimesIsMadeUpForByTheNextPicture)
+{
+    Take take;
+    take.Caps("video", kH264);
+    for (const guint64 shown : {0u, 1u, 4u, 5u, 6u})
+        take.Frame("video", Key(), shown * 40 * kMs);
+    EXPECT_THAT(take.Finish().Box(kVideo + "stts"),
+                ReadsAs("stts  2 x 3600, 1 x 10800, 2 x 3600"));
+    EXPECT_EQ(take.Warning(), "none");
+}
+
+// What a stream's first picture waited for to be shown is no matter of the next stream's.
+TEST(GstFrames, AnotherStreamBeginsWithADelayOfItsOwn)
+{
+    for (const bool flush : {false, true}) {
+        Take take;
+        take.Caps("video", kH264);
+        take.Segment("video", 0);
+        take.Frame("video", Key(), 80 * kMs, 0);
+        take.Frame("video", Delta(), 120 * kMs, 40 * kMs);
+        take.Run();
+        if (flush) {
+            take.Event("video", gst_event_new_flush_start());
+            take.Event("video", gst_event_new_flush_stop(FALSE));
+        } else {
+            take.Event("video", gst_event_new_stream_start("another"));
+        }
+        take.Segment("video", 0);
+        take.Frame("video", Key(), 160 * kMs, 160 * kMs);
+        take.Frame("video", Delta(), 200 * kMs, 200 * kMs);
+        EXPECT_THAT(Text(take.Finish().Box(kVideo + "stts")),
+                    AnyOf("stts  4 x 3600", "stts  1 x 7200, 2 x 3600"));
+    }
+}
+
 TEST(GstFrames, PicturesBeforeTheParameterSetsAreLeftOut)
 {
     Take take;
@@ -187,6 +261,39 @@ TEST(GstFrames, HevcAndProResAreRecorded)
     const BoxFile file = prores.Finish();
     EXPECT_TRUE(file.Has(kVideo + "stsd/apch"));
     EXPECT_THAT(file.Box(kVideo + "stts"), ReadsAs("stts  2 x 3003"));
+}
+
+// The decoder's configuration has 4 bits of layout behind 5 of type and 4 of rate.
+TEST(GstFrames, RawSoundKeepsItsChannelConfiguration)
+{
+    const struct {
+        const char* config;  // what is given: LC at 48 kHz with the layout in the second byte
+        int channels;
+        std::uint8_t kept;
+    } cases[] = {{"1188", 1, 1}, {"11b0", 6, 6}, {"11b8", 8, 7}, {"1180", 8, 7},
+                 {"1180", 7, 11}, {"1180", 6, 6}, {"11d8", 7, 11}, {"11e0", 8, 12}};
+    for (const auto& [config, channels, kept] : cases) {
+        Take take;
+        take.Caps("audio", "audio/mpeg,mpegversion=4,stream-format=raw,rate=48000,channels=" +
+                               std::to_string(channels) + ",codec_data=(buffer)" + config);
+        take.Frame("audio", Sound(), 0);
+        const Bytes entry = take.Finish().Box(kAudio + "stsd/mp4a/esds");
+        EXPECT_EQ(Bytes(entry.begin() + 43, entry.begin() + 45),
+                  (Bytes{0x11, static_cast<std::uint8_t>(0x80 | kept << 3)}))
+            << config << " with " << channels;
+    }
+}
+
+TEST(GstFrames, AReservedChannelConfigurationIsRefused)
+{
+    for (const char* config : {"11c0", "11c8", "11d0", "11f8"}) {  // 8, 9, 10, 15
+        Take take;
+        take.Caps("audio", std::string("audio/mpeg,mpegversion=4,stream-format=raw,rate=48000,"
+                                       "channels=8,codec_data=(buffer)") + config);
+        take.Frame("audio", Sound(), 0);
+        take.Run();
+        EXPECT_THAT(take.Error(), testing::HasSubstr("reserved")) << config;
+    }
 }
 
 TEST(GstFrames, AdtsLosesItsHeaderWithOrWithoutAChecksum)

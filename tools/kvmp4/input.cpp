@@ -367,8 +367,16 @@ void Input::AddAudio(int index)
             throw Failure(kExitStream, "the AAC of " + m_options.url + " has object type " +
                                            std::to_string(type) + ", which cannot be recorded");
         track.codec = MP4_AUDIO_AAC_RAW;
-        track.channels = static_cast<std::uint16_t>(
-            layout != 0 ? layout : static_cast<unsigned>(par->ch_layout.nb_channels));
+        // The library writes it as a configuration again, which is the number of channels up to 6.
+        const int count = par->ch_layout.nb_channels;
+        track.channels = static_cast<std::uint16_t>(layout != 0  ? layout
+                                                    : count == 7 ? 11u
+                                                    : count == 8 ? 7u
+                                                                 : static_cast<unsigned>(count));
+        if (track.channels > 14 || (track.channels >= 8 && track.channels <= 10))
+            throw Failure(kExitStream, "the AAC of " + m_options.url + " has " +
+                                           std::to_string(count) +
+                                           " channels in no layout that can be recorded");
     } else {
         track.codec = MP4_AUDIO_AAC_ADTS;
     }

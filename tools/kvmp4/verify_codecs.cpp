@@ -293,6 +293,10 @@ private:
         if (config->rate == 0)
             return Error("aac-config", *box, fmt::format("rate index {}", config->rateIndex),
                          "one that is not reserved");
+        if (config->channelsIndex == 15 ||
+            (config->channelsIndex >= 8 && config->channelsIndex <= 10))
+            Error("aac-config", *box, fmt::format("channel configuration {}", config->channelsIndex),
+                  "one that is not reserved");
         if (version != 2)
             AacEntry(entry, *config, channels, rate);
     }

@@ -15,6 +15,7 @@ void Undated::Push(GstBuffer* buffer, std::int64_t shown, std::int64_t step)
         m_recent.pop_front();
     m_times.insert(shown);
     m_held.push_back({std::unique_ptr<GstBuffer, FreeBuffer>(gst_buffer_ref(buffer)), shown});
+    m_guessed = m_guessed || (m_seen != 0 && step != m_step);  // the jump may be the old step
     m_step = step;
     ++m_seen;
 }

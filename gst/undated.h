@@ -39,7 +39,7 @@ private:
     std::deque<std::int64_t> m_recent;    // the last times in their order of coming
     std::size_t m_depth = 0;              // pictures that come before an earlier one
     std::size_t m_ahead = 0;              // 1 if a time was given away before it was seen
-    bool m_guessed = false;               // that has been done
+    bool m_guessed = false;               // that has been done, or must not be
     std::size_t m_seen = 0;
     std::int64_t m_step = 0;
     std::int64_t m_last = 0;

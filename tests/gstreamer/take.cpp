@@ -57,6 +57,11 @@ Bytes Key()
 {
     return Bytes{0, 0, 1} + Sps() + Bytes{0, 0, 1} + Pps() + Unit(0x65);
 }
+Bytes HevcKey()
+{
+    const Bytes start{0, 0, 1};
+    return start + HevcVps() + start + HevcSps() + start + HevcPps() + Unit(0x26);
+}
 Bytes Delta()
 {
     return Unit(0x41);

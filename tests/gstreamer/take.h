@@ -31,6 +31,7 @@ constexpr guint64 kMs = GST_MSECOND;
 
 // A key picture with its parameter sets, and one that depends on it.
 Bytes Key();
+Bytes HevcKey();
 Bytes Delta();
 // A raw AAC frame.
 Bytes Sound();

@@ -34,7 +34,7 @@ bool Takes(const std::string& pad, const std::string& caps)
 {
     Take take;
     take.Caps(pad, caps);
-    take.Frame(pad, Key(), 0);
+    take.Frame(pad, caps == kHevc ? HevcKey() : Key(), 0);
     take.Event(pad, gst_event_new_eos());
     take.Run();
     // Caps that the element refuses itself end it with an error, and what was pushed is long taken.

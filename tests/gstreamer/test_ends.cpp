@@ -38,7 +38,9 @@ std::uint32_t Number(std::ifstream& file, std::streamoff at)
 
 }  // namespace
 
-// Of 100 pictures of a kilobyte, with a log of every tenth, 40 KB hold more than 30.
+// Of 100 pictures of a kilobyte 40 KB hold 39, of which the stream may have kept the last four to
+// itself; the log has every tenth at least, and a repair leaves its last one out. In safe mode the
+// 20th, at 18.2 of 20 KB, asks for the first checkpoint, whose place the disk does not have.
 TEST(GstEnds, AFullDiskLeavesTheLogFromWhichThePicturesComeBack)
 {
     const Bytes unit = Unit(0x41, 1000);
@@ -61,8 +63,9 @@ TEST(GstEnds, AFullDiskLeavesTheLogFromWhichThePicturesComeBack)
             ASSERT_EQ(mp4_repair_file_ex(take.Path().c_str(), 0), MP4_OK);
             const BoxFile file = BoxFile::Read(take.Path());
             const auto samples = Samples(file, "trak.vide");
-            ASSERT_GE(samples.size(), 19u);
-            for (std::size_t i = 1; i < samples.size(); ++i)
+            const std::size_t least = safe ? 18 : 29;
+            ASSERT_GE(samples.size(), least);
+            for (std::size_t i = 1; i < least; ++i)
                 EXPECT_EQ(samples[i], picture);
         }
 }

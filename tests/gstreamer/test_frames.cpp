@@ -250,8 +250,7 @@ TEST(GstFrames, HevcAndProResAreRecorded)
 {
     Take hevc;
     hevc.Caps("video", kHevc);
-    const Bytes start{0, 0, 1};
-    hevc.Frame("video", start + HevcVps() + start + HevcSps() + start + HevcPps() + Unit(0x26), 0);
+    hevc.Frame("video", HevcKey(), 0);
     EXPECT_TRUE(hevc.Finish().Has(kVideo + "stsd/hev1"));
 
     Take prores("clip.mov");

@@ -33,10 +33,21 @@ void IBaseIO::FailSeek(std::int32_t error, int line)
 
 void IBaseIO::FailWrite(std::int32_t error, int line)
 {
+    TellWrite(error, line);
+    throw kv_mp4_exception(error);
+}
+
+void IBaseIO::FailMemory(std::int32_t error, int line)
+{
+    TellWrite(error, line);
+    throw CNoMemory(error);
+}
+
+void IBaseIO::TellWrite(std::int32_t error, int line)
+{
     m_state = kStateFailed;
     m_errno = error;
     PrintLine("BaseIO : Error - [line %d] Write error %s !\n\n", line, std::strerror(error));
-    throw kv_mp4_exception(error);
 }
 
 void IBaseIO::FailRead(std::int32_t error, int line)

@@ -28,6 +28,13 @@ inline constexpr std::int32_t kEndOfData = 1000;
 // The status for an errno-like value: the rows 11 to 17, 0 for kEndOfData, 1 for all others.
 std::uint32_t ErrorFromErrno(std::int32_t error);
 
+// The kv_mp4_exception of an image in memory that could not grow. Apart from the others, since it
+// leaves the writers of the file as they are, wherever their positions stand.
+class CNoMemory final : public kv_mp4_exception {
+public:
+    using kv_mp4_exception::kv_mp4_exception;
+};
+
 class IBaseIO {
 public:
     virtual ~IBaseIO() = default;
@@ -50,8 +57,12 @@ protected:
     // std::source_location, which not every compiler has that can build this.
     [[noreturn]] void FailSeek(std::int32_t error, int line = __builtin_LINE());
     [[noreturn]] void FailWrite(std::int32_t error, int line = __builtin_LINE());
+    [[noreturn]] void FailMemory(std::int32_t error, int line = __builtin_LINE());  // as FailWrite
     [[noreturn]] void FailRead(std::int32_t error, int line = __builtin_LINE());
     [[noreturn]] void FailEndOfData(std::int32_t error, int line = __builtin_LINE());
+
+private:
+    void TellWrite(std::int32_t error, int line);
 };
 
 class IFileIO : public IBaseIO {

@@ -87,7 +87,7 @@ void CBufferIO::Reserve(std::uint32_t count)
         m_data = nullptr;
         m_capacity = 0;
         m_pos = 0;
-        FailWrite(error);
+        FailMemory(error);
     }
     m_data = static_cast<std::uint8_t*>(store);
     m_capacity = grown;

@@ -8,6 +8,7 @@
 
 #include <cerrno>
 #include <cwchar>
+#include <new>
 
 #define UNIT "src/Mp4Muxer"
 
@@ -217,7 +218,7 @@ void CMp4Muxer::FinishFile(std::int64_t& clock)
     LOG_INFO("Muxer - Close - moov write takes {} ms", Lap(clock));
     // A local file that failed while it recorded ends without its moov here, though nothing may fail
     // any more: the log is then all that can give it one. So does any output that lacked memory.
-    if (m_pFile && !m_pFile->IsOpen() && (m_failedHere || (m_pFile->IsLocal() && m_dataPos != 0)))
+    if (m_pFile && !m_pFile->IsOpen() && (m_lackedMemory || (m_pFile->IsLocal() && m_dataPos != 0)))
         throw kv_mp4_exception(m_pFile->m_errno);
     // Otherwise the stream would hand over its last bytes when it closes, behind the removal of the
     // log and with nobody to see it fail. A disk that fills up in them so fails the close and keeps
@@ -242,19 +243,18 @@ void CMp4Muxer::PrepareMoovBuffer()
         m_moovBuffer->AttachSink(m_pFile.get(), m_moov->GetSize());
 }
 
-void CMp4Muxer::FailOutput() noexcept
+void CMp4Muxer::FailWithoutMemory() noexcept
 {
-    if (!m_pFile->IsOpen())
-        return;
-    m_pFile->m_errno = ENOMEM;
     try {
         throw;
-    } catch (const kv_mp4_exception& error) {
-        m_pFile->m_errno = error.code;
+    } catch (const CNoMemory&) {
+    } catch (const std::bad_alloc&) {
     } catch (...) {
+        return;
     }
     m_pFile->m_state = kStateFailed;
-    m_failedHere = true;
+    m_pFile->m_errno = ENOMEM;
+    m_lackedMemory = true;
 }
 
 // ---- Queries -------------------------------------------------------------------------------

@@ -141,12 +141,12 @@ private:
         try {
             enter();
         } catch (...) {
-            FailOutput();
+            FailWithoutMemory();
             throw;
         }
     }
-    // For the exception that is being handled, unless the output failed by itself.
-    void FailOutput() noexcept;
+    // The output fails if the exception that is being handled is a want of memory.
+    void FailWithoutMemory() noexcept;
 
     // The status that keeps a call from working, or nothing.
     std::optional<std::uint32_t> Refusal() const;
@@ -177,7 +177,7 @@ private:
     std::uint32_t FlushInfo();
 
     std::unique_ptr<IFileIO> m_pFile;  // the output writer
-    bool m_failedHere = false;         // the output failed by FailOutput
+    bool m_lackedMemory = false;       // and failed for that
     bool m_safeMode = false;
     std::uint64_t m_nextMoovPos = kNoMoovPosition;  // of the moov in force
     mp4_safe_param m_safeParam{1, 0xA00000, 0x6400000, 0x40000000};

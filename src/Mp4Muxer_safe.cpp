@@ -81,9 +81,10 @@ bool CMp4Muxer::CheckSafeWrite(std::uint32_t size)
         m_mdat->UpdateSize(next);
         m_pFile->Flush();
     } catch (...) {
-        // For want of memory, say: the output is still open then, and somewhere in the new moov.
-        if (!m_fastHeader)
-            FailOutput();
+        // Somewhere in the new moov, and still open.
+        // Kept: so it stays after what is none of the output's business, such as parameter sets that
+        // have no description; callers go on recording behind it.
+        FailWithoutMemory();
         throw;
     }
     return true;

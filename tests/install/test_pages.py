@@ -29,13 +29,14 @@ def helped(*command):
     text = subprocess.run([KVMP4, *command, "--help"], check=True, capture_output=True,
                           text=True).stdout
     return {long: short for short, long in
-            re.findall(r"^  (?:-(\w),)?--([\w-]+)", text.split("\nOptions:")[1], re.MULTILINE)}
+            re.findall(r"(?:^  |,(?=--))(?:-(\w),)?--([\w-]+)", text.split("\nOptions:")[1],
+                       re.MULTILINE)}
 
 
 def described(page):
     text = (SOURCES / "docs/man" / page).read_text()
     return {long: short for short, long in
-            re.findall(r"^\.It (?:Fl (\w) , )?Fl -([\w-]+)", text, re.MULTILINE)}
+            re.findall(r"(?:^\.It |,(?= Fl -) )(?:Fl (\w) , )?Fl -([\w-]+)", text, re.MULTILINE)}
 
 
 def completed(*words):

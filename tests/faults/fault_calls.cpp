@@ -60,7 +60,7 @@ public:
             for (std::size_t n = 1; FailNth({call, file, n, 0, way.forEver, way.half}, way.name);
                  n += m_choice.stride)
                 ++struck;
-            m_report.Require(Name(call, file) + " " + way.name, m_scenario.Plan().name, struck,
+            m_report.Require(NameOf(call, file) + " " + way.name, m_scenario.Plan().name, struck,
                              (CallsOf(call, file) + m_choice.stride - 1) / m_choice.stride);
         }
     }
@@ -77,23 +77,15 @@ public:
     }
 
 private:
-    static std::string Name(SysCall call, SysFile file)
-    {
-        return std::string(file == SysFile::Log ? "log " : "media ") + NameOf(call);
-    }
-
     // How many the run without a fault made.
     std::size_t CallsOf(SysCall call, SysFile file) const
     {
-        return static_cast<std::size_t>(
-            std::count_if(m_events.begin(), m_events.end(), [=](const SysEvent& event) {
-                return event.call == call && event.file == file;
-            }));
+        return CountCalls(m_events, call, file);
     }
 
     void RequireSome(SysCall call, SysFile file)
     {
-        m_report.Require(Name(call, file), m_scenario.Plan().name, CallsOf(call, file), 1);
+        m_report.Require(NameOf(call, file), m_scenario.Plan().name, CallsOf(call, file), 1);
     }
 
     std::vector<SysEvent> Run(const SysFault& fault)
@@ -108,8 +100,8 @@ private:
     std::string Where(const SysFault& fault) const
     {
         return std::string(m_scenario.Plan().name) + ", " +
-               (fault.file == SysFile::Log ? "log" : "media") + " " + NameOf(fault.call) + " " +
-               std::to_string(fault.n) + ", errno " + std::to_string(fault.error) +
+               NameOf(fault.call, fault.file) + " " + std::to_string(fault.n) + ", errno " +
+               std::to_string(fault.error) +
                (fault.forEver ? " for ever" : " once");
     }
 
@@ -143,7 +135,7 @@ private:
                                                          : JudgeMediaFault(fault, error, place, events);
         if (wrong.empty() && NextDescriptor() != descriptor)
             wrong = "a file was left open";
-        m_report.Add(Name(fault.call, fault.file) + " " + way, Where(fault), wrong);
+        m_report.Add(NameOf(fault.call, fault.file) + " " + way, Where(fault), wrong);
         return true;
     }
 

@@ -56,10 +56,11 @@ public:
         m_report.Add("nothing", m_plan.name, wrong);
         for (const SysCall call : {SysCall::Open, SysCall::Write, SysCall::Seek, SysCall::Sync,
                                    SysCall::Close})
-            m_report.Require(Name(call, SysFile::Media), m_plan.name,
+            m_report.Require(NameOf(call, SysFile::Media), m_plan.name,
                              CallsOf(call, SysFile::Media), 1);
         for (const SysCall call : {SysCall::Open, SysCall::Read, SysCall::Close, SysCall::Unlink})
-            m_report.Require(Name(call, SysFile::Log), m_plan.name, CallsOf(call, SysFile::Log), 1);
+            m_report.Require(NameOf(call, SysFile::Log), m_plan.name,
+                             CallsOf(call, SysFile::Log), 1);
         return wrong.empty();
     }
 
@@ -69,7 +70,7 @@ public:
             std::size_t struck = 0;
             for (std::size_t n = 1; FailNth({call, file, n, 0, forEver, false}); n += m_choice.stride)
                 ++struck;
-            m_report.Require(Name(call, file) + (forEver ? " for ever" : " once"), m_plan.name,
+            m_report.Require(NameOf(call, file) + (forEver ? " for ever" : " once"), m_plan.name,
                              struck,
                              (CallsOf(call, file) + m_choice.stride - 1) / m_choice.stride);
         }
@@ -88,18 +89,10 @@ public:
     }
 
 private:
-    static std::string Name(SysCall call, SysFile file)
-    {
-        return std::string(file == SysFile::Log ? "log " : "media ") + NameOf(call);
-    }
-
     // How many the repair without a fault made.
     std::size_t CallsOf(SysCall call, SysFile file) const
     {
-        return static_cast<std::size_t>(
-            std::count_if(m_events.begin(), m_events.end(), [=](const SysEvent& event) {
-                return event.call == call && event.file == file;
-            }));
+        return CountCalls(m_events, call, file);
     }
 
     std::uint32_t Repair(const SysFault& fault)
@@ -122,9 +115,9 @@ private:
 
     std::string Where(const SysFault& fault) const
     {
-        return std::string(m_plan.name) + ", " + (fault.file == SysFile::Log ? "log" : "media") +
-               " " + NameOf(fault.call) + " " + std::to_string(fault.n) + ", errno " +
-               std::to_string(fault.error) + (fault.forEver ? " for ever" : " once");
+        return std::string(m_plan.name) + ", " + NameOf(fault.call, fault.file) + " " +
+               std::to_string(fault.n) + ", errno " + std::to_string(fault.error) +
+               (fault.forEver ? " for ever" : " once");
     }
 
     // With each error, or with another for each n.
@@ -149,7 +142,7 @@ private:
         std::string wrong = Judge(fault, error, status);
         if (wrong.empty() && NextDescriptor() != descriptor)
             wrong = "a file was left open";
-        m_report.Add(Name(fault.call, fault.file) + (fault.forEver ? " for ever" : " once"),
+        m_report.Add(NameOf(fault.call, fault.file) + (fault.forEver ? " for ever" : " once"),
                      Where(fault), wrong);
         return true;
     }

@@ -6,6 +6,7 @@
 
 #include "faults/expectations.h"
 
+#include <algorithm>
 #include <cstddef>
 #include <span>
 #include <string>
@@ -42,6 +43,19 @@ struct SysEvent {
     std::size_t step;  // of the scenario
     bool failed;
 };
+
+inline std::string NameOf(SysCall call, SysFile file)
+{
+    return std::string(file == SysFile::Log ? "log " : "media ") + NameOf(call);
+}
+
+inline std::size_t CountCalls(const std::vector<SysEvent>& events, SysCall call, SysFile file)
+{
+    return static_cast<std::size_t>(
+        std::count_if(events.begin(), events.end(), [=](const SysEvent& event) {
+            return event.call == call && event.file == file;
+        }));
+}
 
 class SystemCalls {
 public:

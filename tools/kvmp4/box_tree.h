@@ -40,6 +40,7 @@ bool LooksLikeBoxFile(const Box& tree);
 std::string ReadableType(const std::string& type);
 // Bytes as UTF-8, whatever they are.
 std::string ReadableText(const std::string& text);
+bool IsUtf8(const std::string& text);
 
 // What the format knows to stand in a container ("" is the file); null where anything may.
 const std::vector<std::string_view>* KnownChildren(std::string_view container);

@@ -119,3 +119,11 @@ std::string ReadableText(const std::string& text)
     }
     return out;
 }
+
+bool IsUtf8(const std::string& text)
+{
+    // A dot stands for each byte that is none, and for each control character, which is one.
+    return std::ranges::equal(text, ReadableText(text), [](char own, char shown) {
+        return own == shown || static_cast<unsigned char>(own) < 0x80;
+    });
+}

@@ -504,15 +504,6 @@ Input* Next(const std::vector<std::unique_ptr<Input>>& inputs)
     }
 }
 
-// Whether the library reads this path as the one it is. Readable text has a dot for each byte that
-// is no UTF-8, and for each control character, of which names may have some.
-bool IsUtf8(const std::string& path)
-{
-    return std::ranges::equal(path, ReadableText(path), [](char own, char shown) {
-        return own == shown || static_cast<unsigned char>(own) < 0x80;
-    });
-}
-
 void CheckOptions(const RecordOptions& options, AVRational& fps)
 {
     if (!options.captionFormat.empty() && options.captionFormat != "608" &&

@@ -43,16 +43,6 @@ std::uint64_t Sum(const std::array<std::uint64_t, kTracks>& counts)
     return sum;
 }
 
-// Whether the library reads this path as the one it is. Readable text has a dot for each byte that
-// is no UTF-8, and for each control character, of which names may have some.
-bool IsUtf8(const std::string& path)
-{
-    const std::string readable = ReadableText(path);
-    return std::ranges::equal(path, readable, [](char own, char shown) {
-        return own == shown || static_cast<unsigned char>(own) < 0x80;
-    });
-}
-
 // Throws where the log is no log at all.
 void CheckLog(const std::string& path, const LogReport& log)
 {

@@ -6,14 +6,17 @@
 // --first K begins with the K-th sequence; --show prints the sequences; --plant makes the model lie
 // about one thing (status, line, print, sink, media, info or repair), to see that lies are found.
 #include "model/generate.h"
+#include "model/random.h"
 #include "model/run.h"
 #include "model/system.h"
 
+#include <algorithm>
 #include <array>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <fmt/format.h>
+#include <iterator>
 #include <string>
 #include <vector>
 
@@ -30,6 +33,31 @@ struct Options {
     std::string plant;
 };
 
+// Of the sequence `number`, and of the one that runs beside it.
+uint64_t SeedOf(const Options& options, uint64_t number)
+{
+    return (options.seed << 32) + number;
+}
+uint64_t OtherSeedOf(const Options& options, uint64_t number)
+{
+    return SeedOf(options, number) + (uint64_t{1} << 31);
+}
+
+// No number comes twice in the first thousand draws of the first hundred and one seeds, and of
+// those beside them: sequences that share their numbers would be the same ones again.
+bool SeedsShareNothing(const Options& options)
+{
+    std::vector<uint64_t> draws;
+    for (uint64_t i = 0; i <= 100; ++i) {
+        for (const auto& seed : {SeedOf, OtherSeedOf}) {
+            Random random(seed(options, options.first + i));
+            std::generate_n(std::back_inserter(draws), 1000, [&] { return random.Next(); });
+        }
+    }
+    std::sort(draws.begin(), draws.end());
+    return std::adjacent_find(draws.begin(), draws.end()) == draws.end();
+}
+
 class Prover {
 public:
     Prover(const Options& options, std::FILE* report)
@@ -43,7 +71,7 @@ public:
     {
         uint64_t same = 0;
         for (uint64_t i = begin; i < m_options.first + m_options.sequences; i += m_options.jobs) {
-            const Sequence sequence = Generate((m_options.seed << 32) + i);
+            const Sequence sequence = Generate(SeedOf(m_options, i));
             if (m_options.show) {
                 fmt::print(m_report, "sequence {}\n{}", i, Describe(sequence));
             }
@@ -72,7 +100,7 @@ private:
     bool Together(uint64_t number, const Sequence& sequence)
     {
         const std::array<Sequence, 2> both = {
-            sequence, Generate((m_options.seed << 32) + number + (uint64_t{1} << 31))};
+            sequence, Generate(OtherSeedOf(m_options, number))};
         const std::array<const Folder*, 2> folders = {&m_folder, &m_otherFolder};
         const std::array<Prediction, 2> predictions = {Predict(both[0], m_folder),
                                                        Predict(both[1], m_otherFolder)};
@@ -216,6 +244,10 @@ int main(int argc, char** argv)
         return 2;
     }
     std::FILE* report = KeepOutput();
+    if (!SeedsShareNothing(options)) {
+        fmt::print(report, "the random numbers of neighbouring sequences are the same ones\n");
+        return 1;
+    }
     const auto start = std::chrono::steady_clock::now();
     const uint64_t same = RunAll(options, report);
     const std::chrono::duration<double> took = std::chrono::steady_clock::now() - start;

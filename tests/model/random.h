@@ -12,15 +12,14 @@ namespace model {
 
 class Random {
 public:
-    explicit Random(uint64_t seed) : m_state(seed * 0x9E3779B97F4A7C15u + 0x632BE59BD9B4E019u) {}
+    // The draws go round one circle of 2 to the power of 64 numbers. Where a seed begins on it is
+    // mixed, as neighbouring seeds would else begin one draw apart.
+    explicit Random(uint64_t seed) : m_state(Mix(seed + 0x632BE59BD9B4E019u)) {}
 
     uint64_t Next()
     {
         m_state += 0x9E3779B97F4A7C15u;
-        uint64_t z = m_state;
-        z = (z ^ (z >> 30)) * 0xBF58476D1CE4E5B9u;
-        z = (z ^ (z >> 27)) * 0x94D049BB133111EBu;
-        return z ^ (z >> 31);
+        return Mix(m_state);
     }
     // 0 to below `end`.
     uint32_t Below(uint64_t end) { return static_cast<uint32_t>(Next() % end); }
@@ -48,6 +47,13 @@ public:
     }
 
 private:
+    static uint64_t Mix(uint64_t z)
+    {
+        z = (z ^ (z >> 30)) * 0xBF58476D1CE4E5B9u;
+        z = (z ^ (z >> 27)) * 0x94D049BB133111EBu;
+        return z ^ (z >> 31);
+    }
+
     uint64_t m_state;
 };
 

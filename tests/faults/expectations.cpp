@@ -100,15 +100,10 @@ std::string CompareResults(const Scenario& scenario)
 
 // ---- Files ---------------------------------------------------------------------------------
 
-namespace {
-
-// Where the header of mdat stands.
 std::size_t MdatOf(const FaultPlan& plan)
 {
     return plan.file == std::string("clip.mov") ? 20 : 36;
 }
-
-}  // namespace
 
 std::string JudgeLastCheckpoint(const Scenario& scenario, const std::vector<unsigned>& checkpoints,
                                 std::size_t step, unsigned within, const Bytes& media)
@@ -142,13 +137,11 @@ std::vector<std::size_t> PacketSteps(const Scenario& scenario)
     return steps;
 }
 
-std::string JudgeKeptLog(const Scenario& scenario, const std::filesystem::path& media,
-                         std::size_t flushed, std::optional<std::size_t> packets)
+std::string JudgeRepaired(const Scenario& scenario, const Bytes& media, std::size_t flushed,
+                          std::size_t packets)
 {
     std::vector<std::size_t> named = PacketSteps(scenario);
-    if (!packets)  // the last one is lost; it may be that of a call that brings no sample
-        packets = named.empty() ? 0 : named.size() - 1;
-    named.resize(std::min(named.size(), *packets));
+    named.resize(std::min(named.size(), packets));
     // The samples of the log, in its order.
     std::vector<std::pair<std::size_t, Track>> logged;
     Counts counts;
@@ -170,28 +163,35 @@ std::string JudgeKeptLog(const Scenario& scenario, const std::filesystem::path& 
                        })->size;
     }
 
-    // Without the header of mdat there was no recording yet, and there is none afterwards.
-    const bool begun = std::filesystem::file_size(media) >= MdatOf(scenario.Plan()) + 8;
-    if (const std::uint32_t status = mp4_repair_file_ex(Utf8(media).c_str(), 0); status != 0)
-        return "the repair has status " + std::to_string(status);
-    if (!begun)
-        return std::filesystem::is_empty(media) ? "" : "repaired: a file without data";
-    const BoxFile file = BoxFile::Read(media);
+    const BoxFile file(media);
     if (!file.Damage().empty())
         return "repaired: " + file.Damage().front();
     for (const Track track : kAllTracks) {
         const auto& wanted = scenario.Samples().tracks[track];
         const auto samples = kvtest::Samples(file, kTrackNames[track]);
         if (samples.size() != counts.of[track])
-            return std::string("repaired: ") + kTrackNames[track] + " has " +
-                   std::to_string(samples.size()) + " samples, not " +
-                   std::to_string(counts.of[track]);
+            return "repaired: " + WrongCount(track, samples.size(), counts.of[track]);
         for (std::size_t n = 0; n < samples.size() && wanted[n].step < flushed; ++n)
             if (Hash(samples[n].data(), samples[n].size()) != wanted[n].hash)
-                return std::string("repaired: ") + kTrackNames[track] + " sample " +
-                       std::to_string(n + 1) + " is not intact";
+                return "repaired: " + Where(track, n) + " is not intact";
     }
     return {};
+}
+
+std::string JudgeKeptLog(const Scenario& scenario, const std::filesystem::path& media,
+                         std::size_t flushed, std::optional<std::size_t> packets)
+{
+    if (!packets) {  // the last one is lost; it may be that of a call that brings no sample
+        const std::size_t named = PacketSteps(scenario).size();
+        packets = named == 0 ? 0 : named - 1;
+    }
+    // Without the header of mdat there was no recording yet, and there is none afterwards.
+    const bool begun = std::filesystem::file_size(media) >= MdatOf(scenario.Plan()) + 8;
+    if (const std::uint32_t status = mp4_repair_file_ex(Utf8(media).c_str(), 0); status != 0)
+        return "the repair has status " + std::to_string(status);
+    if (!begun)
+        return std::filesystem::is_empty(media) ? "" : "repaired: a file without data";
+    return JudgeRepaired(scenario, Content(media), flushed, *packets);
 }
 
 Bytes Content(const std::filesystem::path& path)

@@ -64,6 +64,9 @@ std::string CompareResults(const Scenario& scenario);
 std::string JudgeLastCheckpoint(const Scenario& scenario, const std::vector<unsigned>& checkpoints,
                                 std::size_t step, unsigned within, const Bytes& media);
 
+// Where the header of mdat stands.
+std::size_t MdatOf(const FaultPlan& plan);
+
 // The steps of the last run that answered 0 and so have a packet each, in the order of the log.
 std::vector<std::size_t> PacketSteps(const Scenario& scenario);
 
@@ -72,6 +75,9 @@ std::vector<std::size_t> PacketSteps(const Scenario& scenario);
 // `flushed` must be intact as well.
 std::string JudgeKeptLog(const Scenario& scenario, const std::filesystem::path& media,
                          std::size_t flushed, std::optional<std::size_t> packets = {});
+// The same of a file that is repaired already, by the first so many packets of its log.
+std::string JudgeRepaired(const Scenario& scenario, const Bytes& media, std::size_t flushed,
+                          std::size_t packets);
 
 // All of a file; nothing for none.
 Bytes Content(const std::filesystem::path& path);

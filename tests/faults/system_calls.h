@@ -42,6 +42,7 @@ struct SysEvent {
     SysFile file;
     std::size_t step;  // of the scenario
     bool failed;
+    std::size_t moved = 0;  // bytes, by a read or a write
 };
 
 inline std::string NameOf(SysCall call, SysFile file)

@@ -126,8 +126,13 @@ long Answer(const Registers& r)
     }
     if (g_events.size() < kMostEvents)  // its memory is there already
         g_events.push_back({known.call, file, Scenario::Now(), fails});
-    if (!fails && known.call != SysCall::Close && known.call != SysCall::Open)
-        return half ? Half(r) : Really(r);
+    if (!fails && known.call != SysCall::Close && known.call != SysCall::Open) {
+        const long result = half ? Half(r) : Really(r);
+        const bool moves = known.call == SysCall::Read || known.call == SysCall::Write;
+        if (moves && result > 0)
+            g_events.back().moved = static_cast<std::size_t>(result);
+        return result;
+    }
     if (known.call == SysCall::Close) {
         g_files[r.a] = 0;  // also by a close that fails
         const long result = Really(r);

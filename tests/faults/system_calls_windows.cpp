@@ -94,7 +94,11 @@ BOOL WINAPI Read(HANDLE handle, void* data, DWORD size, DWORD* moved, OVERLAPPED
         SetError();
         return FALSE;
     }
-    return ReadFile(handle, data, way == Way::Half ? (size + 1) / 2 : size, moved, overlapped);
+    const BOOL read =
+        ReadFile(handle, data, way == Way::Half ? (size + 1) / 2 : size, moved, overlapped);
+    if (read && FileOf(handle))
+        g_events.back().moved = *moved;
+    return read;
 }
 
 BOOL WINAPI Write(HANDLE handle, const void* data, DWORD size, DWORD* moved,
@@ -105,7 +109,10 @@ BOOL WINAPI Write(HANDLE handle, const void* data, DWORD size, DWORD* moved,
         SetError();
         return FALSE;
     }
-    return WriteFile(handle, data, size, moved, overlapped);
+    const BOOL written = WriteFile(handle, data, size, moved, overlapped);
+    if (written && FileOf(handle))
+        g_events.back().moved = *moved;
+    return written;
 }
 
 DWORD WINAPI Seek(HANDLE handle, LONG low, LONG* high, DWORD origin)

@@ -130,9 +130,13 @@ private:
                            (fault.half && fault.n > 1 ? 1 : 0);
         // A file that is read-only, or no file at all, has no medium to wait for.
         const bool noMedium = fault.call == SysCall::Sync && fault.error == EROFS;
-        std::string wrong = noMedium                     ? Unharmed(false)
-                            : fault.file == SysFile::Log ? JudgeLogFault(fault, error, struck->step)
-                                                         : JudgeMediaFault(fault, error, place, events);
+        std::string wrong = noMedium ? Unharmed(false)
+                            : fault.file == SysFile::Log
+                                ? JudgeLogFault(fault, error, struck->step)
+                                : JudgeMediaFault(fault, error, place, events);
+        if (wrong.empty() && !noMedium && fault.file == SysFile::Media &&
+            (fault.call == SysCall::Write || fault.call == SysCall::Sync))
+            wrong = JudgeTaken(events, static_cast<std::size_t>(struck - events.begin()) + 1);
         if (wrong.empty() && NextDescriptor() != descriptor)
             wrong = "a file was left open";
         m_report.Add(NameOf(fault.call, fault.file) + " " + way, Where(fault), wrong);
@@ -176,6 +180,17 @@ private:
         return std::filesystem::exists(m_log) ? "the log stayed" : "";
     }
 
+    // The runtime drops what a stream held when its write failed: not even the close writes.
+    static std::string JudgeTaken(const std::vector<SysEvent>& events, std::size_t from)
+    {
+        for (std::size_t n = from; n < events.size(); ++n)
+            if (events[n].file == SysFile::Media && events[n].call == SysCall::Write &&
+                events[n].moved != 0)
+                return std::to_string(events[n].moved) + " bytes followed, in step " +
+                       std::to_string(events[n].step);
+        return {};
+    }
+
     // The stream moves when a box is ended, at a checkpoint, and to know its position, where nobody
     // looks at a failure: -1 is then the position that the library goes by. So it shows later than
     // it happened, or not at all; a file that nobody complained of must be sound.
@@ -207,6 +222,13 @@ private:
                 failure.later = status;
         }
         if (const std::string wrong = CompareResults(m_scenario, failure); !wrong.empty())
+            return wrong;
+        const auto behind =
+            std::find_if(events.begin(), events.end(),
+                         [first](const SysEvent& event) { return event.step > first; });
+        if (const std::string wrong =
+                JudgeTaken(events, static_cast<std::size_t>(behind - events.begin()));
+            !wrong.empty())
             return wrong;
         if (first + 1 < steps.size()) {
             // The switch may have been over when it failed.

@@ -1,5 +1,5 @@
-// Every system call that a repair makes fails, one after the other; then comes a repair that nothing
-// disturbs.
+// Every system call that a repair makes fails, one after the other; then comes a repair that
+// nothing disturbs.
 #include "faults/fault_proofs.h"
 
 #include "faults/expectations.h"
@@ -264,23 +264,24 @@ private:
         return JudgeAgain({});
     }
 
-    // A file that a repair wrote to up to `end`, as `written` has it, and did not cut: one box covers
-    // the old bytes behind, where there is room for its header.
+    // A file that a repair wrote to up to `end`, as `written` has it, and did not cut: one box
+    // covers the old bytes behind, where there is room for its header.
     std::string JudgeUncut(const Bytes& media, std::size_t end, const Bytes& written) const
     {
         const std::size_t old = m_media.size();
         if (media.size() != std::max(old, end) || !SameBytes(media, written, 0, end))
             return "the file is another";
         const bool covered = end + 8 <= old;
-        if (covered && (BoxFile(media).U32(end) != old - end || BoxFile(media).Code(end + 4) != "free"))
+        const BoxFile file(media);
+        if (covered && (file.U32(end) != old - end || file.Code(end + 4) != "free"))
             return "no box covers the old bytes";
         return SameBytes(media, m_media, covered ? end + 8 : end, old)
                    ? ""
                    : "bytes behind the index were touched";
     }
 
-    // A repair that nothing disturbs makes the same file, but where the index lay that the one ahead
-    // of it wrote over the samples, and the header of the box behind that index.
+    // A repair that nothing disturbs makes the same file, but where the index lay that the one
+    // ahead of it wrote over the samples, and the header of the box behind that index.
     std::string JudgeAgain(const Span& index)
     {
         const std::uint32_t again = mp4_repair_file_ex(Utf8(m_path).c_str(), 1);

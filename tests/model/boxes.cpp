@@ -217,15 +217,7 @@ void Tree::WriteVideoEntry()
     } else if (m_videoCode == "avc1") {
         m_avc.Write(m_io, m_journal);
     }
-    Finish(start);
-}
-
-void Tree::Finish(uint64_t start)
-{
-    const uint64_t end = m_io.Tell();
-    m_io.Seek(start);
-    m_io.Put(Bin().U32(end - start).bytes);
-    m_io.Seek(end);
+    Finish(m_io, start);
 }
 
 Bytes Tree::Esds() const
@@ -257,11 +249,11 @@ void Tree::WriteAudioEntry()
             Bin().U32(12).Text("wave").U32(12).Text("frmamp4a").U32(12).Text("mp4a").U32(0).bytes);
         m_io.PutWhole(Esds());
         m_io.PutWhole(Bin().U32(8).U32(0).bytes);
-        Finish(wave);
+        Finish(m_io, wave);
     } else {
         m_io.PutWhole(Esds());
     }
-    Finish(start);
+    Finish(m_io, start);
 }
 
 uint32_t Tree::DescriptionSize(const Track& track) const

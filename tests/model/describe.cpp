@@ -68,6 +68,25 @@ std::string Arguments(const Step& step)
     }
 }
 
+std::string Describe(const Fault& fault)
+{
+    static constexpr const char* kWays[] = {"answers", "throws kv_mp4_exception",
+                                            "throws something else"};
+    std::string text;
+    if (fault.openAnswer != 1) {
+        text += fmt::format(" open answers {}", fault.openAnswer);
+    }
+    if (fault.limit != UINT64_MAX) {
+        text += fmt::format(" after {} bytes {} {} errno {}{}", fault.limit,
+                            kWays[static_cast<size_t>(fault.way)], fault.answer, fault.error,
+                            fault.again ? " from then on" : "");
+    }
+    if (fault.tellsMinusOne || fault.tellsMore != 0) {
+        text += fault.tellsMinusOne ? " tells -1" : fmt::format(" tells {} more", fault.tellsMore);
+    }
+    return text + (fault.ignoresSeeks ? " ignores seeks" : "");
+}
+
 }  // namespace
 
 std::string Describe(const Opening& opening)
@@ -90,14 +109,10 @@ std::string Describe(const Opening& opening)
     if (opening.start != 0) {
         text += fmt::format(" from {} on", opening.start);
     }
-    if (opening.fault.refuseOpen) {
-        text += " open refuses";
+    if (opening.ioMode == 2) {
+        text += fmt::format(" blocks {} x {}", opening.blockSize, opening.blockCount);
     }
-    if (opening.fault.limit != UINT64_MAX) {
-        text +=
-            fmt::format(" fails with {} after {} bytes", opening.fault.error, opening.fault.limit);
-    }
-    return text;
+    return text + Describe(opening.fault);
 }
 
 std::string Describe(const Step& step)

@@ -195,6 +195,9 @@ uint32_t Muxer::WriteVideo(const Bytes* data, uint64_t time)
         }
     } catch (const IoFailure& failure) {
         return StatusOf(failure.code);
+    } catch (const OtherFailure&) {
+        m_journal.Error(kUnit, "exception when write file");
+        return 1;
     }
     AddSample(m_tree->m_video, size, time, key);
     if (!m_logOpen) {
@@ -270,6 +273,9 @@ uint32_t Muxer::WriteAudio(const Bytes* data, uint64_t time)
         m_file->PutWhole(frame.data() + head, size);
     } catch (const IoFailure& failure) {
         return StatusOf(failure.code);
+    } catch (const OtherFailure&) {
+        m_journal.Error(kUnit, fmt::format("write buffer exception, buffer size {}", size));
+        return 1;
     }
     AddSample(m_tree->m_audio, size, time, false);
     return Log(Bin().U8(5).U64(time).U32(size).bytes);
@@ -325,6 +331,8 @@ uint32_t Muxer::WriteCaption(const Bytes* data, uint32_t size, uint64_t time)
         written = PackCaption(data, data == nullptr ? 0 : size);
     } catch (const IoFailure& failure) {
         return StatusOf(failure.code);
+    } catch (const OtherFailure&) {
+        return 1;
     }
     AddSample(m_tree->m_caption, written, time, false);
     return Log(Bin().U8(7).U64(time).U32(written).bytes);
@@ -340,6 +348,8 @@ uint32_t Muxer::WriteTimeCode(uint32_t value)
         m_file->PutWhole(Bin().U32(value).bytes);
     } catch (const IoFailure& failure) {
         return StatusOf(failure.code);
+    } catch (const OtherFailure&) {
+        return 1;
     }
     AddSample(m_tree->m_timeCode, 4, 0, false);
     return Log(Bin().U8(9).U32(value).bytes);

@@ -42,8 +42,17 @@ public:
                 sequence.steps.push_back(Make(call));
             }
         }
+        // The rule that flushes a log every so many pictures is met when these are few.
+        const bool flushes = (sequence.opening.flags & 0x10) != 0 && m_random.Chance(33);
+        if (flushes) {
+            sequence.steps.push_back(Make(Call::FlushInterval));
+            sequence.steps.back().handle = Handle::Good;
+            sequence.steps.back().number = 10 + m_random.Below(3);
+        }
         uint32_t count = m_random.Spread32(m_random.Chance(90) ? 5 : 7);
-        if (m_random.Below(500) == 0) {
+        if (m_random.Chance(flushes ? 60 : 2)) {
+            count = 40 + m_random.Below(41);
+        } else if (m_random.Below(500) == 0) {
             count = m_random.Spread32(12);
         }
         for (uint32_t i = 0; i < count; ++i) {
@@ -52,7 +61,7 @@ public:
         sequence.steps.push_back(Make(Call::Close));
         sequence.steps.back().handle = Handle::Good;
         for (uint32_t i = m_random.Chance(90) ? 0 : m_random.Below(4); i > 0; --i) {
-            sequence.steps.push_back(Make(AnyCall()));
+            sequence.steps.push_back(Make(m_random.Chance(30) ? Call::Close : AnyCall()));
         }
         if (m_random.Chance(40)) {
             sequence.repair = MakeRepair();
@@ -62,6 +71,7 @@ public:
 
 private:
     Opening MakeOpening();
+    Fault MakeFault(bool safe);
     Repair MakeRepair();
     Call AnyCall();
     Step Make(Call call);
@@ -70,6 +80,7 @@ private:
     void MakeMetadata(Step& step);
     uint64_t Time(uint64_t& clock);
     uint32_t Timescale();
+    uint32_t Codec(uint32_t usual);
     int Error()
     {
         return m_random.Chance(70) ? 0 : m_random.Chance(5) ? 1000 : m_random.Pick(kErrors);
@@ -94,7 +105,8 @@ Opening Maker::MakeOpening()
                                         {0x10, 50u},
                                         {0x20, 25u},
                                         {0x04, 5u},
-                                        {0xC0, 3u}}) {
+                                        {0x40, 3u},
+                                        {0x80, 3u}}) {
         opening.flags = static_cast<uint8_t>(opening.flags | (m_random.Chance(percent) ? flag : 0));
     }
     opening.path = m_random.Pick({"clip.mp4", "clip.mp4", "clip.mov"});
@@ -104,14 +116,15 @@ Opening Maker::MakeOpening()
              "folderlog.mp4", "fulllog.mp4", "LONG1018", "LONG1019", "LONG1022", "LONG1023",
              "a.mov.mp4", "CUT", "\xE6\x97\xA5\xE6\x9C\xAC.mov", "\xF0\x9F\x8E\xAC.mp4"});
     }
+    opening.blockSize = m_random.Spread32(32);
+    opening.blockCount = m_random.Spread32(32);
     opening.ioMode = m_random.Pick({0u, 2u, 2u});
     opening.create = m_random.Pick({Create::Adv, Create::AdvMultibyte});
     if (opening.ioMode == 0) {
         opening.create = m_random.Pick({Create::Wide, Create::Multibyte, Create::Adv,
                                         Create::AdvMultibyte, Create::Front, Create::FrontWide});
+        opening.table = m_random.Chance(50);  // nobody looks at it
     } else {
-        opening.blockSize = m_random.Spread32(32);
-        opening.blockCount = m_random.Spread32(32);
         if (m_random.Chance(4)) {
             opening.ioMode = m_random.Pick({1u, 3u, 4u, 0xFFFFFFFFu});
         }
@@ -127,12 +140,33 @@ Opening Maker::MakeOpening()
     opening.stale = m_random.Chance(5);
     opening.nullPath = m_random.Chance(1);
     opening.nullOut = m_random.Chance(1);
-    if (opening.ioMode == 2 && m_random.Chance(30)) {
-        opening.fault.refuseOpen = m_random.Chance(5);
-        opening.fault.limit = m_random.Spread(14);
-        opening.fault.error = m_random.Chance(3) ? 1000 : m_random.Pick(kErrors);
+    if (opening.ioMode == 2) {
+        opening.fault = MakeFault((opening.flags & 0x08) != 0);
     }
     return opening;
+}
+
+Fault Maker::MakeFault(bool safe)
+{
+    Fault fault;
+    if (m_random.Chance(10)) {
+        fault.openAnswer = m_random.Pick<uint8_t>({0, 0, 2, 128, 255});
+    }
+    if (m_random.Chance(30)) {
+        fault.limit = m_random.Spread(14);
+        fault.error = m_random.Chance(3) ? 1000 : m_random.Pick(kErrors);
+        fault.answer = m_random.Pick({0, 0, 2, -1, 256, 257, INT32_MIN});
+        fault.way = m_random.Pick({Fault::Way::Answer, Fault::Way::Answer, Fault::Way::IoException,
+                                   Fault::Way::OtherException});
+        // What a box that was stopped half-way has left for its next write is nobody's promise.
+        fault.again = safe || m_random.Chance(50);
+    }
+    if (m_random.Chance(5)) {
+        fault.tellsMinusOne = !safe && m_random.Chance(30);  // a checkpoint's place is above zero
+        fault.tellsMore = 1 + m_random.Spread(m_random.Chance(80) ? 6 : 16);
+    }
+    fault.ignoresSeeks = !safe && m_random.Chance(4);
+    return fault;
 }
 
 Repair Maker::MakeRepair()
@@ -179,7 +213,7 @@ Call Maker::AnyCall()
         {Call::SetSubtitle, 2},   {Call::SetTimeCode, 2},   {Call::SetMetadata, 4},
         {Call::SetMetadataEx, 4}, {Call::Duration, 2},      {Call::MoovSize, 2},
         {Call::VideoBitrate, 1},  {Call::AudioBitrate, 1},  {Call::GetSafe, 1},
-        {Call::SetSafe, 2},       {Call::FlushInterval, 2},
+        {Call::SetSafe, 2},       {Call::FlushInterval, 2}, {Call::Close, 1},
     };
     uint32_t total = 0;
     for (const auto& entry : kWeights) {
@@ -201,6 +235,15 @@ uint32_t Maker::Timescale()
                                : m_random.Spread32(32);
 }
 
+// Mostly the one of the frames; else one out of range, also where eight bits would bring it back.
+uint32_t Maker::Codec(uint32_t usual)
+{
+    return m_random.Chance(93)   ? usual
+           : m_random.Chance(60) ? m_random.Below(5)
+           : m_random.Chance(60) ? 5 + m_random.Below(296)
+                                 : m_random.Pick({255u, 256u, 257u, 258u, 300u, 0xFFFFFFFFu});
+}
+
 uint64_t Maker::Time(uint64_t& clock)
 {
     const uint64_t now = clock;
@@ -217,11 +260,11 @@ void Maker::MakeVideoTrack(Step& step)
 {
     step.timescale = Timescale();
     step.time = m_random.Chance(60) ? 0 : m_random.Spread(64);
-    step.codec = m_random.Chance(93) ? m_videoCodec : m_random.Below(5);
+    step.codec = Codec(m_videoCodec);
     step.width = static_cast<uint16_t>(m_random.Chance(90) ? 1920 : m_random.Spread(16));
     step.height = static_cast<uint16_t>(m_random.Chance(90) ? 1080 : m_random.Spread(16));
     step.number = m_random.Chance(95) ? m_random.Below(6) : m_random.Spread32(32);
-    if (step.codec == 0 || step.codec == 1) {
+    if (step.codec < 2 || m_random.Chance(30)) {
         GiveParameterSets(m_random, step.codec, step);
     }
     if (step.front) {
@@ -233,7 +276,7 @@ void Maker::MakeAudioTrack(Step& step)
 {
     step.timescale = Timescale();
     step.time = m_random.Chance(60) ? 0 : m_random.Spread(64);
-    step.codec = m_random.Chance(93) ? m_audioCodec : m_random.Below(5);
+    step.codec = Codec(m_audioCodec);
     step.width = m_random.Chance(80)
                      ? m_random.Pick<uint16_t>({48000, 44100, 32000, 8000, 7350, 30464, 0})
                      : static_cast<uint16_t>(m_random.Next());
@@ -276,7 +319,8 @@ void Maker::MakeMetadata(Step& step)
     if (!m_random.Chance(2)) {
         step.key = key;
     }
-    step.data = m_random.Some(m_random.Spread32(6));
+    const uint32_t bits = m_random.Chance(90) ? 6 : 10;
+    step.data = m_random.Some(m_random.Below(200) == 0 ? 5000 : m_random.Spread32(bits));
     for (uint8_t& byte : step.data) {
         byte = byte == 0 && m_random.Chance(90) ? 'x' : byte;
     }
@@ -295,7 +339,7 @@ Step Maker::Make(Call call)
     step.call = call;
     step.error = Error();
     step.front = m_random.Chance(15);
-    if (m_random.Chance(1)) {
+    if (m_random.Chance(call == Call::Close ? 80 : 1)) {
         step.handle = m_random.Pick({Handle::Null, Handle::Unknown});
     }
     step.null = m_random.Chance(1);
@@ -304,7 +348,7 @@ Step Maker::Make(Call call)
     case Call::SetAudio: MakeAudioTrack(step); break;
     case Call::SetSubtitle:
         step.timescale = Timescale();
-        step.codec = m_random.Chance(93) ? m_captionCodec : m_random.Below(5);
+        step.codec = Codec(m_captionCodec);
         break;
     case Call::SetTimeCode:
         step.timescale =

@@ -34,10 +34,7 @@ struct Sink {
 
     void Note(SinkCall::Kind kind, uint64_t argument)
     {
-        auto& calls = seen->sinkCalls;
-        if (kind != SinkCall::Kind::Write || calls.back().kind != kind) {
-            calls.push_back({kind, argument, taken});
-        }
+        model::Note(seen->sinkCalls, {kind, argument, taken});
     }
 };
 
@@ -54,7 +51,7 @@ uint8_t OpenSink(void** context, const wchar_t* path, uint32_t blockSize, uint32
     const bool asGiven =
         g_sink->path == path && g_sink->blockSize == blockSize && g_sink->blockCount == blockCount;
     g_sink->Note(SinkCall::Kind::Open, asGiven ? 1 : 0);
-    return g_sink->fault.refuseOpen ? 0 : 1;
+    return g_sink->fault.openAnswer;
 }
 
 void CloseSink(void* context)
@@ -64,16 +61,22 @@ void CloseSink(void* context)
 
 int64_t TellSink(void* context)
 {
-    return static_cast<int64_t>(Of(context).position);
+    Sink& sink = Of(context);
+    const uint64_t told =
+        sink.fault.tellsMinusOne ? UINT64_MAX : sink.position + sink.fault.tellsMore;
+    sink.Note(SinkCall::Kind::Tell, told);
+    return static_cast<int64_t>(told);
 }
 
 void SeekSink(void* context, int64_t offset, int32_t origin)
 {
     Sink& sink = Of(context);
     // Every seek counts from the start; another origin shows as a place that no file has.
-    const uint64_t position = origin == 0 ? static_cast<uint64_t>(offset) : UINT64_MAX;
+    const uint64_t position = static_cast<uint64_t>(origin == 0 ? offset : INT64_MIN);
     sink.Note(SinkCall::Kind::Seek, position);
-    sink.position = position;
+    if (!sink.fault.ignoresSeeks && offset >= 0) {
+        sink.position = position;
+    }
 }
 
 void FlushSink(void* context)
@@ -81,8 +84,9 @@ void FlushSink(void* context)
     Of(context).Note(SinkCall::Kind::Flush, 0);
 }
 
-int32_t ReadSink(void*, void*, uint32_t)
+int32_t ReadSink(void* context, void*, uint32_t size)
 {
+    Of(context).Note(SinkCall::Kind::Read, size);
     return 0;
 }
 
@@ -90,7 +94,8 @@ int32_t WriteSink(void* context, const void* buffer, uint32_t size)
 {
     Sink& sink = Of(context);
     const uint8_t* data = static_cast<const uint8_t*>(buffer);
-    const uint64_t room = sink.failed ? UINT64_MAX : sink.fault.limit - sink.taken;
+    const Fault& fault = sink.fault;
+    const uint64_t room = sink.failed && !fault.again ? UINT64_MAX : fault.limit - sink.taken;
     const size_t accepted = static_cast<size_t>(std::min<uint64_t>(size, room));
     sink.Note(SinkCall::Kind::Write, 0);
     sink.seen->sinkWrites.push_back({sink.taken, size});
@@ -98,12 +103,19 @@ int32_t WriteSink(void* context, const void* buffer, uint32_t size)
     sink.seen->sinkStream.insert(sink.seen->sinkStream.end(), data, data + accepted);
     sink.position += accepted;
     sink.taken += accepted;
-    if (accepted != size) {
-        sink.failed = true;
-        errno = sink.fault.error;
-        return 0;
+    if (accepted == size) {
+        return 1;
     }
-    return 1;
+    sink.failed = true;
+    ++sink.seen->sinkFailures;
+    if (fault.way == Fault::Way::OtherException) {
+        throw std::runtime_error("the sink's own");
+    }
+    if (fault.way == Fault::Way::IoException) {
+        throw kv_mp4_exception(fault.error);
+    }
+    errno = fault.error;
+    return fault.answer;
 }
 
 ExternalIoFuncs g_table = {OpenSink, CloseSink, TellSink, SeekSink, FlushSink, ReadSink, WriteSink};
@@ -285,7 +297,7 @@ void Session::End()
         mp4_close_file(m_handle);
     }
     if (m_sequence.opening.ioMode == 2) {
-        if (!m_seen.sinkCalls.empty() && !m_sink.fault.refuseOpen) {
+        if (!m_seen.sinkCalls.empty() && m_sink.fault.openAnswer != 0) {
             m_seen.media = std::move(m_sink.image);
         }
     } else {

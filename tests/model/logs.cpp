@@ -22,7 +22,7 @@ void Metadata(Random& random, Bin& out)
     };
     out.U8(1).U8(random.Pick({0u, 1u, 1u, 21u, 2u, 255u}));
     Blob(random, out, text(kKeys[random.Below(std::size(kKeys))]));
-    Bytes value = random.Some(random.Spread32(5));
+    Bytes value = random.Some(random.Below(100) == 0 ? 5000 : random.Spread32(5));
     if (random.Chance(70)) {
         value.push_back(0);
     }

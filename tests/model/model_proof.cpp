@@ -4,7 +4,8 @@
 //   model_proof [--sequences N] [--seed S] [--first K] [--jobs J] [--show] [--plant WHAT]
 //
 // --first K begins with the K-th sequence; --show prints the sequences; --plant makes the model lie
-// about one thing (status, line, print, sink, media, info or repair), to see that lies are found.
+// about one of the things of kLies, to see that the lie is found. Counts of what the sequences did
+// are printed, and none may be 0 in a run of some length: what is not tried proves nothing.
 #include "model/generate.h"
 #include "model/random.h"
 #include "model/run.h"
@@ -17,7 +18,9 @@
 #include <cstdlib>
 #include <fmt/format.h>
 #include <iterator>
+#include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace {
@@ -58,6 +61,178 @@ bool SeedsShareNothing(const Options& options)
     return std::adjacent_find(draws.begin(), draws.end()) == draws.end();
 }
 
+enum Counted : size_t {
+    Same,
+    Pairs,
+    Checkpoints,
+    CheckpointsOnDisk,
+    LogFlushes,
+    RefusedOpens,
+    FailedWrites,
+    ThrowingSinks,
+    WrongPlaces,
+    IoExceptions,
+    OtherExceptions,
+    BadCloses,
+    SecondCloses,
+    GoodRepairs,
+    FailedRepairs,
+    CountedThings
+};
+constexpr const char* kCounted[] = {"sequences",
+                                    "run beside another",
+                                    "checkpoints",
+                                    "checkpoints on the disk",
+                                    "flushes of the log by its rule",
+                                    "refused opens",
+                                    "writes that a sink answered wrongly",
+                                    "sinks that threw",
+                                    "sinks with a wrong tell or seek",
+                                    "exceptions of the library",
+                                    "other exceptions",
+                                    "closes of a bad handle",
+                                    "second closes",
+                                    "repairs",
+                                    "failing repairs"};
+static_assert(std::size(kCounted) == CountedThings && CountedThings <= Counts().size());
+constexpr uint64_t kEnoughToCount = 300;
+
+// What a sequence did.
+void Count(const Sequence& sequence, const Prediction& prediction, Counts& counts)
+{
+    const auto count = [&](Counted what, bool did) { counts[what] += did ? 1u : 0u; };
+    const Observed& seen = prediction.result.recording;
+    const Fault& fault = sequence.opening.fault;
+    for (const LogLine& line : seen.lines) {
+        count(Checkpoints, line.text.starts_with("update moov header to "));
+    }
+    counts[CheckpointsOnDisk] += seen.checkpoints.size();
+    const bool toSink = !seen.sinkCalls.empty();
+    count(RefusedOpens, toSink && fault.openAnswer == 0);
+    count(WrongPlaces,
+          toSink && (fault.tellsMinusOne || fault.tellsMore != 0 || fault.ignoresSeeks));
+    const bool throws = fault.way != Fault::Way::Answer;
+    count(throws ? ThrowingSinks : FailedWrites, seen.sinkFailures != 0);
+    bool closed = false;
+    for (size_t i = 0; i < seen.outcomes.size(); ++i) {
+        const Outcome& outcome = seen.outcomes[i];
+        count(IoExceptions, outcome.kind == Outcome::Kind::IoException);
+        count(OtherExceptions, outcome.kind == Outcome::Kind::OtherException);
+        if (i == 0) {
+            continue;  // the create call
+        }
+        count(LogFlushes, outcome.infoSize != 0);
+        const Step& step = sequence.steps[i - 1];
+        const bool isGood = step.handle == Handle::Good;
+        count(BadCloses, step.call == Call::Close && !isGood);
+        count(SecondCloses, step.call == Call::Close && isGood && closed);
+        closed = closed || (step.call == Call::Close && isGood);
+    }
+    if (prediction.result.repair && prediction.planted.media && prediction.planted.log) {
+        for (const Outcome& outcome : prediction.result.repair->outcomes) {
+            count(outcome.value == 0 ? GoodRepairs : FailedRepairs, true);
+        }
+    }
+}
+
+// One lie for each comparison. Each changes what the model says, where there is something to say.
+void Wrong(std::optional<Image>& image, uint64_t at)
+{
+    const uint8_t byte = 0xEE;
+    if (image && image->Size() > at) {
+        image->Write(at, &byte, 1);
+    }
+}
+void Wrong(Bytes& bytes, size_t at)
+{
+    if (bytes.size() > at) {
+        bytes[at] ^= 1;
+    }
+}
+void Wrong(std::optional<Bytes>& bytes, size_t at)
+{
+    if (bytes) {
+        Wrong(*bytes, at);
+    }
+}
+void WrongLine(Observed& seen, size_t at)
+{
+    if (seen.lines.size() > at) {
+        seen.lines[at].level ^= 1;
+    }
+}
+// The first outcome of which `is` holds.
+void WrongOutcome(Observed& seen, bool (*is)(const Outcome&), void (*change)(Outcome&))
+{
+    const auto found = std::find_if(seen.outcomes.begin(), seen.outcomes.end(), is);
+    if (found != seen.outcomes.end()) {
+        change(*found);
+    }
+}
+
+struct Falsehood {
+    std::string_view what;
+    void (*tell)(Observed& seen);
+};
+constexpr Falsehood kLies[] = {
+    {"status",
+     [](Observed& seen) {
+         if (!seen.outcomes.empty()) {
+             ++seen.outcomes.back().value;
+         }
+     }},
+    {"kind",
+     [](Observed& seen) {
+         WrongOutcome(
+             seen, [](const Outcome& o) { return o.kind == Outcome::Kind::IoException; },
+             [](Outcome& o) { o.kind = Outcome::Kind::OtherException; });
+     }},
+    {"result",
+     [](Observed& seen) {
+         WrongOutcome(
+             seen, [](const Outcome& o) { return o.result != 0; }, [](Outcome& o) { ++o.result; });
+     }},
+    {"flush",
+     [](Observed& seen) {
+         WrongOutcome(
+             seen, [](const Outcome& o) { return o.infoSize != 0; },
+             [](Outcome& o) { ++o.infoSize; });
+     }},
+    {"line", [](Observed& seen) { WrongLine(seen, 0); }},
+    {"print",
+     [](Observed& seen) {
+         if (!seen.printed.empty()) {
+             seen.printed += "!";
+         }
+     }},
+    {"checkpoint",
+     [](Observed& seen) {
+         if (!seen.checkpoints.empty()) {
+             const uint8_t byte = 0xEE;
+             seen.checkpoints[0].image.Write(9, &byte, 1);
+         }
+     }},
+    {"sink",
+     [](Observed& seen) {
+         if (seen.sinkCalls.size() > 4) {
+             ++seen.sinkCalls[4].argument;
+         }
+     }},
+    {"stream", [](Observed& seen) { Wrong(seen.sinkStream, 30); }},
+    {"failure", [](Observed& seen) { seen.sinkFailures += seen.sinkFailures != 0 ? 1 : 0; }},
+    {"write",
+     [](Observed& seen) {
+         if (!seen.sinkWrites.empty()) {
+             ++seen.sinkWrites[0].size;
+         }
+     }},
+    {"media", [](Observed& seen) { Wrong(seen.media, 60); }},
+    {"nomedia", [](Observed& seen) { seen.media.reset(); }},
+    {"info", [](Observed& seen) { Wrong(seen.info, 9); }},
+    {"noinfo", [](Observed& seen) { seen.info.reset(); }},
+    {"left", [](Observed& seen) { seen.infoIsLeft = !seen.infoIsLeft; }},
+};
+
 class Prover {
 public:
     Prover(const Options& options, std::FILE* report)
@@ -66,10 +241,9 @@ public:
     {
     }
 
-    // The sequences `begin`, `begin` + `jobs` ... How many there are ahead of one that differs.
-    uint64_t Run(uint64_t begin)
+    // The sequences `begin`, `begin` + `jobs` ... up to one that differs, which is not counted.
+    Counts Run(uint64_t begin)
     {
-        uint64_t same = 0;
         for (uint64_t i = begin; i < m_options.first + m_options.sequences; i += m_options.jobs) {
             const Sequence sequence = Generate(SeedOf(m_options, i));
             if (m_options.show) {
@@ -77,33 +251,43 @@ public:
             }
             if (!Difference(sequence).empty()) {
                 Report(i, sequence);
-                return same;
+                return m_counts;
             }
-            if (i % 8 == 0 && !Together(i, sequence)) {
-                return same;
+            if (i % 8 == 0) {
+                if (!Together(i, sequence)) {
+                    return m_counts;
+                }
+                ++m_counts[Pairs];
             }
-            ++same;
+            ++m_counts[Same];
         }
-        return same;
+        return m_counts;
     }
 
 private:
     std::string Difference(const Sequence& sequence)
     {
         Prediction prediction = Predict(sequence, m_folder);
-        Lie(prediction.result);
+        Lie("", prediction.result.recording);
+        if (prediction.result.repair) {
+            Lie("repair_", *prediction.result.repair);
+        }
         const Result shown = m_library.Run(sequence, prediction, m_folder);
-        return Compare(prediction.result, shown, sequence);
+        const std::string text = Compare(prediction.result, shown, sequence);
+        if (text.empty()) {
+            Count(sequence, prediction, m_counts);
+        }
+        return text;
     }
 
     // With another recording open at the same time.
     bool Together(uint64_t number, const Sequence& sequence)
     {
-        const std::array<Sequence, 2> both = {
-            sequence, Generate(OtherSeedOf(m_options, number))};
+        const std::array<Sequence, 2> both = {sequence, Generate(OtherSeedOf(m_options, number))};
         const std::array<const Folder*, 2> folders = {&m_folder, &m_otherFolder};
-        const std::array<Prediction, 2> predictions = {Predict(both[0], m_folder),
-                                                       Predict(both[1], m_otherFolder)};
+        std::array<Prediction, 2> predictions = {Predict(both[0], m_folder),
+                                                 Predict(both[1], m_otherFolder)};
+        Lie("beside_", predictions[1].result.recording);
         const auto shown = m_library.RunTogether(both, predictions, folders);
         for (size_t i = 0; i < 2; ++i) {
             Result expected;
@@ -119,26 +303,13 @@ private:
         return true;
     }
 
-    void Lie(Result& result) const
+    // The lie of the options, if it is about this part: they say "repair_line" for its line.
+    void Lie(std::string_view part, Observed& seen) const
     {
-        const std::string& what = m_options.plant;
-        Observed& seen = result.recording;
-        const uint8_t wrong = 0xEE;
-        if (what == "status" && seen.outcomes.size() > 3) {
-            ++seen.outcomes[3].value;
-        } else if (what == "line" && seen.lines.size() > 4) {
-            seen.lines[4].level ^= 1;
-        } else if (what == "print" && !seen.printed.empty()) {
-            seen.printed += "!";
-        } else if (what == "sink" && seen.sinkCalls.size() > 4) {
-            ++seen.sinkCalls[4].argument;
-        } else if (what == "media" && seen.media && seen.media->Size() > 60) {
-            seen.media->Write(60, &wrong, 1);
-        } else if (what == "info" && seen.info && seen.info->size() > 9) {
-            (*seen.info)[9] ^= 1;
-        } else if (what == "repair" && result.repair && result.repair->media &&
-                   result.repair->media->Size() > 60) {
-            result.repair->media->Write(60, &wrong, 1);
+        for (const Falsehood& lie : kLies) {
+            if (m_options.plant == std::string(part).append(lie.what)) {
+                lie.tell(seen);
+            }
         }
     }
 
@@ -158,7 +329,8 @@ private:
         for (bool again = true; again;) {
             again = false;
             for (size_t i = sequence.steps.size(); i-- > 0;) {
-                if (sequence.steps[i].call == Call::Close) {
+                if (sequence.steps[i].call == Call::Close &&
+                    sequence.steps[i].handle == Handle::Good) {
                     continue;
                 }
                 again = tryOne([&](Sequence& s) {
@@ -199,6 +371,7 @@ private:
     Folder m_folder;
     Folder m_otherFolder;
     Library m_library;
+    Counts m_counts{};
 };
 
 bool Parse(int argc, char** argv, Options& options)
@@ -223,14 +396,25 @@ bool Parse(int argc, char** argv, Options& options)
     return options.jobs != 0 && options.sequences != 0;
 }
 
-uint64_t RunAll(Options options, std::FILE* report)
+Counts RunAll(Options options, std::FILE* report)
 {
     return RunJobs(options.jobs, [&](uint64_t job, uint64_t jobs) {
         options.jobs = jobs;
-        const uint64_t same = Prover(options, report).Run(options.first + job);
+        const Counts counts = Prover(options, report).Run(options.first + job);
         std::fflush(report);
-        return same;
+        return counts;
     });
+}
+
+// Whether a run long enough did all that it says it does.
+bool Report(const Counts& counts, uint64_t sequences, std::FILE* report)
+{
+    bool all = true;
+    for (size_t i = Pairs; i < CountedThings; ++i) {
+        fmt::print(report, "{:10} {}\n", counts[i], kCounted[i]);
+        all = all && counts[i] != 0;
+    }
+    return all || sequences < kEnoughToCount;
 }
 
 }  // namespace
@@ -249,12 +433,17 @@ int main(int argc, char** argv)
         return 1;
     }
     const auto start = std::chrono::steady_clock::now();
-    const uint64_t same = RunAll(options, report);
+    const Counts counts = RunAll(options, report);
+    const uint64_t same = counts[Same];
     const std::chrono::duration<double> took = std::chrono::steady_clock::now() - start;
     fmt::print(report, "{} of {} sequences of seed {} from {} on, {:.0f} s, {:.0f} a second: {}\n",
                same, options.sequences, options.seed, options.first, took.count(),
                static_cast<double>(same) / took.count(),
                same == options.sequences ? "no difference" : "NOT all are the same");
+    const bool isAll = Report(counts, same, report);
+    if (!isAll) {
+        fmt::print(report, "what is counted as 0 was NOT tried\n");
+    }
     std::fclose(report);
-    return same == options.sequences ? 0 : 1;
+    return same == options.sequences && isAll ? 0 : 1;
 }

@@ -31,7 +31,7 @@ uint32_t Muxer::MakeFile(const Opening& opening, const Place& place)
             m_journal.Error(kUnit, "error: pFunc should not be null when use external io mode");
             return 4;
         }
-        if (opening.fault.refuseOpen) {
+        if (opening.fault.openAnswer == 0) {
             m_journal.seen->sinkCalls.push_back({SinkCall::Kind::Open, 1, 0});
             m_journal.Error(kUnit, "init external writer failed");
             return 4;
@@ -96,6 +96,9 @@ uint32_t Muxer::Create(const Opening& opening, const Place& place)
         const uint32_t failed = StatusOf(failure.code);
         Close();
         return failed;
+    } catch (const OtherFailure&) {
+        Close();
+        return 1;
     }
     if (m_logOpen) {
         Log(Bin().U32(m_mdat).bytes);
@@ -193,6 +196,7 @@ uint32_t Muxer::Close()
     }
     m_nextMoov.reset();
     if (m_file) {
+        m_file->Tell();
         m_file->Close();
         m_media = m_file->m_image;
     }

@@ -28,14 +28,17 @@ struct LogLine {
     bool operator==(const LogLine&) const = default;
 };
 
-// A call of the caller's sink. Adjacent writes are one: how a box divides its fields is its own.
+// A call of the caller's sink. Adjacent writes are one, as how a box divides its fields is its own,
+// and so are adjacent tells, which say the same.
 struct SinkCall {
-    enum class Kind : uint8_t { Open, Write, Seek, Flush, Close };
+    enum class Kind : uint8_t { Open, Write, Read, Tell, Seek, Flush, Close };
     Kind kind = Kind::Open;
-    uint64_t argument = 0;  // Seek: the position; Open: 1 if it got what the caller gave
-    uint64_t stream = 0;    // bytes handed over before this call
+    uint64_t argument =
+        0;                // Seek: the position; Tell: the answer; Open: 1 for what the caller gave
+    uint64_t stream = 0;  // bytes handed over before this call
     bool operator==(const SinkCall&) const = default;
 };
+void Note(std::vector<SinkCall>& calls, SinkCall call);
 
 // The file on the disk behind a checkpoint. What the call itself wrote may still be on its way.
 struct Checkpoint {
@@ -60,6 +63,7 @@ struct Observed {
     std::vector<SinkCall> sinkCalls;
     Bytes sinkStream;                   // all bytes handed to the caller's sink, in order
     std::vector<SinkWrite> sinkWrites;  // library: every write; model: those that must be one write
+    uint64_t sinkFailures = 0;          // writes that the sink did not take whole
 };
 
 }  // namespace model

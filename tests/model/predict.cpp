@@ -59,7 +59,7 @@ void Caller::Guard(Outcome& outcome, F call)
     if (m_muxer.m_checkpoint && m_muxer.File() != nullptr) {
         auto& [image, position] = *m_muxer.m_checkpoint;
         m_seen.checkpoints.push_back(
-            {m_seen.outcomes.size(), std::move(image), position, m_muxer.File()->Tell()});
+            {m_seen.outcomes.size(), std::move(image), position, m_muxer.File()->Position()});
     }
     m_muxer.m_checkpoint.reset();
     m_seen.outcomes.push_back(outcome);
@@ -102,7 +102,8 @@ void Caller::Run(Planted& planted)
     });
     const bool logged = m_muxer.m_logLeft && m_place.logError == 0;
     for (const Step& step : m_sequence.steps) {
-        if (step.call == Call::Close && m_muxer.File() != nullptr) {
+        if (step.call == Call::Close && step.handle == Handle::Good &&
+            m_muxer.File() != nullptr) {
             planted.media = m_muxer.File()->m_image;
             if (logged) {
                 planted.log = m_muxer.m_log;

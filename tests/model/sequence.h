@@ -39,11 +39,19 @@ enum class Call : uint8_t {
 
 enum class Handle : uint8_t { Good, Null, Unknown };
 
-// A sink that takes `limit` bytes, the last write as far as they go, and then fails once.
+// What the caller's sink does wrong. It takes `limit` bytes, the last write as far as they go, and
+// then fails: once, or at each write that has bytes.
 struct Fault {
-    bool refuseOpen = false;
+    enum class Way : uint8_t { Answer, IoException, OtherException };
+    uint8_t openAnswer = 1;  // 0 refuses
     uint64_t limit = UINT64_MAX;
-    int error = 0;  // errno at the failure
+    Way way = Way::Answer;
+    int32_t answer = 0;
+    bool again = false;
+    int error = 0;  // errno at the failure, or what the exception carries
+    bool tellsMinusOne = false;
+    uint64_t tellsMore = 0;  // than the position
+    bool ignoresSeeks = false;
 };
 
 struct Opening {

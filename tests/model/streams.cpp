@@ -31,7 +31,10 @@ Bytes AvcSet(Random& random, bool isSps)
 {
     Bytes set = random.Some(random.Chance(90) ? 4 + random.Below(20) : random.Below(6));
     if (!set.empty()) {
-        set[0] = isSps ? 0x67 : 0x68;
+        // Any nal_ref_idc, and now and then the forbidden bit.
+        const uint32_t head =
+            random.Chance(70) ? 0x60 : random.Below(random.Chance(80) ? 4 : 8) << 5;
+        set[0] = static_cast<uint8_t>(head | (isSps ? 7 : 8));
     }
     return set;
 }
@@ -41,6 +44,9 @@ Bytes HevcSet(Random& random, uint32_t type)
     Bytes set = type == 32 ? HevcVps(random) : type == 33 ? HevcSps(random) : HevcPps(random);
     if (random.Chance(6)) {
         set[0] = static_cast<uint8_t>(random.Pick({39u, 40u, 41u, 32u, 33u, 34u}) << 1);
+    }
+    if (random.Chance(10)) {  // the high bit of the layer, and the forbidden one
+        set[0] = static_cast<uint8_t>(set[0] | random.Pick({0x01, 0x80, 0x81}));
     }
     if (random.Chance(8)) {
         Damage(random, set);
@@ -77,7 +83,7 @@ Bytes LongUnit(Random& random, uint32_t codec, uint32_t type)
         std::copy(code.begin() + random.Below(3), code.end(),
                   unit.begin() + static_cast<ptrdiff_t>(near));
     }
-    unit[0] = static_cast<uint8_t>(codec == 0 ? 0x60 | type : type << 1);
+    unit[0] = static_cast<uint8_t>(codec == 0 ? (unit[0] & 0xE0) | type : type << 1);
     return unit;
 }
 
@@ -97,7 +103,8 @@ Bytes Unit(Random& random, uint32_t codec, uint32_t type)
         return LongUnit(random, codec, type);
     }
     Bytes unit = random.Some(1 + random.Spread32(random.Chance(95) ? 7 : 12));
-    unit[0] = static_cast<uint8_t>(codec == 0 ? (unit[0] & 0xE0) | type : type << 1);
+    const uint32_t around = random.Chance(90) ? 0u : unit[0] & 0x81u;
+    unit[0] = static_cast<uint8_t>(codec == 0 ? (unit[0] & 0xE0) | type : type << 1 | around);
     if (random.Chance(5)) {
         unit.clear();
     }
@@ -117,6 +124,9 @@ void GiveParameterSets(Random& random, uint32_t codec, Step& step)
     if (codec == 0) {
         step.sps = Given(random, AvcSet(random, true));
         step.pps = Given(random, AvcSet(random, false));
+        if (random.Chance(20)) {  // not its own
+            step.vps = Given(random, HevcSet(random, 32));
+        }
     } else {
         step.vps = Given(random, HevcSet(random, 32));
         step.sps = Given(random, HevcSet(random, 33));

@@ -4,6 +4,7 @@
 
 #include "model/image.h"
 
+#include <array>
 #include <cstdint>
 #include <cstdio>
 #include <functional>
@@ -53,8 +54,9 @@ private:
 };
 
 // Calls `run` for each of so many jobs, in processes of their own, or for one in this process. The
-// sum of what they say; a process that could not begin, or came to no good end, says nothing.
-uint64_t RunJobs(uint64_t jobs, const std::function<uint64_t(uint64_t job, uint64_t jobs)>& run);
+// sums of what they count; a process that could not begin, or came to no good end, counts nothing.
+using Counts = std::array<uint64_t, 16>;
+Counts RunJobs(uint64_t jobs, const std::function<Counts(uint64_t job, uint64_t jobs)>& run);
 
 }  // namespace model
 

@@ -1,5 +1,6 @@
 #include "model/system.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <fcntl.h>
@@ -101,7 +102,7 @@ std::string Output::Take()
     return text;
 }
 
-uint64_t RunJobs(uint64_t jobs, const std::function<uint64_t(uint64_t job, uint64_t jobs)>& run)
+Counts RunJobs(uint64_t jobs, const std::function<Counts(uint64_t job, uint64_t jobs)>& run)
 {
     if (jobs == 1) {
         return run(0, 1);
@@ -113,7 +114,7 @@ uint64_t RunJobs(uint64_t jobs, const std::function<uint64_t(uint64_t job, uint6
     for (uint64_t job = 0; job < jobs; ++job) {
         const pid_t child = fork();
         if (child == 0) {
-            const uint64_t count = run(job, jobs);
+            const Counts count = run(job, jobs);
             _exit(write(counts[1], &count, sizeof count) == sizeof count ? 0 : 1);
         }
         if (child < 0) {
@@ -121,9 +122,9 @@ uint64_t RunJobs(uint64_t jobs, const std::function<uint64_t(uint64_t job, uint6
         }
     }
     close(counts[1]);
-    uint64_t sum = 0;
-    for (uint64_t count = 0; read(counts[0], &count, sizeof count) == sizeof count;) {
-        sum += count;
+    Counts sum{};
+    for (Counts count; read(counts[0], &count, sizeof count) == sizeof count;) {
+        std::transform(sum.begin(), sum.end(), count.begin(), sum.begin(), std::plus<>());
     }
     close(counts[0]);
     while (wait(nullptr) > 0) {

@@ -119,7 +119,7 @@ std::string Output::Take()
     return text;
 }
 
-uint64_t RunJobs(uint64_t, const std::function<uint64_t(uint64_t job, uint64_t jobs)>& run)
+Counts RunJobs(uint64_t, const std::function<Counts(uint64_t job, uint64_t jobs)>& run)
 {
     return run(0, 1);
 }

@@ -12,6 +12,15 @@ void Journal::Log(int level, std::string_view unit, std::string text)
     seen->lines.push_back({level, std::string(unit), std::move(text)});
 }
 
+void Note(std::vector<SinkCall>& calls, SinkCall call)
+{
+    using Kind = SinkCall::Kind;
+    const bool joins = call.kind == Kind::Write || call.kind == Kind::Tell;
+    if (!joins || calls.empty() || calls.back().kind != call.kind) {
+        calls.push_back(call);
+    }
+}
+
 uint32_t StatusOf(int error)
 {
     switch (error) {
@@ -48,16 +57,22 @@ void FileTarget::Note(SinkCall::Kind kind, uint64_t argument)
     if (!m_external) {
         return;
     }
-    auto& calls = m_journal.seen->sinkCalls;
-    if (kind != SinkCall::Kind::Write || calls.back().kind != kind) {
-        calls.push_back({kind, argument, m_taken});
-    }
+    model::Note(m_journal.seen->sinkCalls, {kind, argument, m_taken});
+}
+
+uint64_t FileTarget::Tell()
+{
+    const uint64_t told = m_fault.tellsMinusOne ? UINT64_MAX : m_position + m_fault.tellsMore;
+    Note(SinkCall::Kind::Tell, told);
+    return told;
 }
 
 void FileTarget::Seek(uint64_t position)
 {
     Note(SinkCall::Kind::Seek, position);
-    m_position = position;
+    if (!m_fault.ignoresSeeks && position <= INT64_MAX) {
+        m_position = position;
+    }
 }
 
 void FileTarget::Flush()
@@ -73,7 +88,7 @@ void FileTarget::Close()
 
 void FileTarget::Take(const uint8_t* data, size_t size, bool whole)
 {
-    const uint64_t room = m_failedOnce ? UINT64_MAX : m_fault.limit - m_taken;
+    const uint64_t room = m_failedOnce && !m_fault.again ? UINT64_MAX : m_fault.limit - m_taken;
     const size_t accepted = static_cast<size_t>(std::min<uint64_t>(size, room));
     Note(SinkCall::Kind::Write, 0);
     m_image.Write(m_position, data, accepted);
@@ -88,6 +103,13 @@ void FileTarget::Take(const uint8_t* data, size_t size, bool whole)
     }
     if (accepted != size) {
         m_failedOnce = true;
+        ++m_journal.seen->sinkFailures;
+        if (m_fault.way == Fault::Way::OtherException) {
+            throw OtherFailure{};
+        }
+        if (m_fault.way == Fault::Way::IoException) {
+            throw IoFailure{m_fault.error};
+        }
         m_state = State::Failed;
         m_error = m_journal.error = m_fault.error;
         m_journal.Print("[line *] Read EOF !\n");

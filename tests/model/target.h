@@ -36,7 +36,7 @@ class Target {
 public:
     explicit Target(Journal& journal) : m_journal(journal) {}
     virtual ~Target() = default;
-    virtual uint64_t Tell() const = 0;
+    virtual uint64_t Tell() = 0;
     virtual void Seek(uint64_t position) = 0;
     // Bytes that go out in as many writes as the box likes, and bytes that are one write. Both do
     // nothing unless the target is open.
@@ -60,10 +60,11 @@ public:
     // `external`: the caller's sink, which shows its calls.
     FileTarget(Journal& journal, Image image, bool external, const Fault& fault,
                uint64_t position = 0);
-    uint64_t Tell() const override { return m_position; }
+    uint64_t Tell() override;
     void Seek(uint64_t position) override;
     void Flush();
     void Close();
+    uint64_t Position() const { return m_position; }
     Image m_image;
 
 private:
@@ -81,7 +82,7 @@ private:
 class StagingTarget : public Target {
 public:
     StagingTarget(Journal& journal, FileTarget* sink);
-    uint64_t Tell() const override { return m_position; }
+    uint64_t Tell() override { return m_position; }
     void Seek(uint64_t position) override;
     void Flush();
     void Reset();

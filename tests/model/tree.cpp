@@ -16,15 +16,20 @@ uint64_t Ms(uint64_t duration, uint32_t timescale)
 
 }  // namespace
 
+void Finish(Target& io, uint64_t start)
+{
+    const uint64_t end = io.Tell();
+    io.Seek(start);
+    io.Put(Bin().U32(end - start).bytes);
+    io.Seek(end);
+}
+
 void Nest(Target& io, const Bytes& head, const std::function<void()>& children)
 {
     const uint64_t start = io.Tell();
     io.Put(head);
     children();
-    const uint64_t end = io.Tell();
-    io.Seek(start);
-    io.Put(Bin().U32(end - start).bytes);
-    io.Seek(end);
+    Finish(io, start);
 }
 
 void Tree::Nest(std::string_view code, const std::function<void()>& children)
@@ -204,13 +209,13 @@ void Tree::Write(StagingTarget* staging)
         staging->Reset();
         start = 0;
     }
-    Nest("moov", [&] {
-        Header();
-        FollowVideo();
-        WriteTrack(m_timeCode);
-        WriteTrack(m_caption);
-        m_metadata.Write(m_io, m_journal);
-    });
+    m_io.Put(Bin().U32(8).Text("moov").bytes);
+    Header();
+    FollowVideo();
+    WriteTrack(m_timeCode);
+    WriteTrack(m_caption);
+    m_metadata.Write(m_io, m_journal);
+    Finish(m_io, start);
     m_journal.Info(kUnit, "moov update size finished");
     CompareSize(start);
     if (staging != nullptr) {
@@ -226,14 +231,13 @@ void Tree::WriteAt(uint64_t position)
     if (saved != position) {
         m_io.Seek(position);
     }
-    // Finished at `position` also where a failed sink stands elsewhere: it does what a seek says.
-    Nest("moov", [&] {
-        Header();
-        WriteTrack(m_caption);
-        FollowVideo();
-        WriteTrack(m_timeCode);
-        m_metadata.Write(m_io, m_journal);
-    });
+    m_io.Put(Bin().U32(8).Text("moov").bytes);
+    Header();
+    WriteTrack(m_caption);
+    FollowVideo();
+    WriteTrack(m_timeCode);
+    m_metadata.Write(m_io, m_journal);
+    Finish(m_io, position);
     CompareSize(position);
     m_io.Seek(saved);
 }

@@ -132,7 +132,6 @@ private:
     uint32_t DescriptionSize(const Track& track) const;
     Bytes Esds() const;
     void Nest(std::string_view code, const std::function<void()>& children);
-    void Finish(uint64_t start);
 
     Journal& m_journal;
     Target& m_io;
@@ -155,6 +154,8 @@ private:
     TimeCodeRecord m_tmcd{30000, 1001, 0, 0};
 };
 
+// Puts the size of a box right that ends here.
+void Finish(Target& io, uint64_t start);
 // Opens a box, writes what is in it and puts its size right.
 void Nest(Target& io, const Bytes& head, const std::function<void()>& children);
 

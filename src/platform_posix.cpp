@@ -1,13 +1,13 @@
 #include "platform.h"
 
-#include <clocale>
+#include <cerrno>
 #include <chrono>
+#include <climits>
+#include <clocale>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
 #include <mutex>
-#include <new>
-#include <string>
 
 #include <spdlog/sinks/stdout_sinks.h>
 #include <fcntl.h>
@@ -15,52 +15,32 @@
 
 namespace {
 
-// UTF-8 whatever the locale; false for values that are no Unicode scalar value.
-bool NarrowPath(const wchar_t* path, std::string& narrow)
+// On the stack: a close whose recording is whole must find its log when memory has run out, too.
+using NarrowPath = char[PATH_MAX];
+
+// UTF-8 whatever the locale; false, with errno, for what is no Unicode scalar value and for what no
+// call of the system would take.
+bool Narrow(const wchar_t* path, NarrowPath& narrow)
 {
+    std::size_t size = 0;
     for (; *path != L'\0'; ++path) {
         const auto c = static_cast<std::uint32_t>(*path);
-        const auto put = [&narrow](std::uint32_t byte) {
-            narrow.push_back(static_cast<char>(byte));
-        };
-        if (c < 0x80) {
-            put(c);
-        } else if (c < 0x800) {
-            put(0xC0 | c >> 6);
-            put(0x80 | (c & 0x3F));
-        } else if (c < 0x10000) {
-            if (c >= 0xD800 && c < 0xE000)
-                return false;
-            put(0xE0 | c >> 12);
-            put(0x80 | (c >> 6 & 0x3F));
-            put(0x80 | (c & 0x3F));
-        } else if (c < 0x110000) {
-            put(0xF0 | c >> 18);
-            put(0x80 | (c >> 12 & 0x3F));
-            put(0x80 | (c >> 6 & 0x3F));
-            put(0x80 | (c & 0x3F));
-        } else {
+        if (c >= 0x110000 || (c >= 0xD800 && c < 0xE000)) {
+            errno = EILSEQ;
             return false;
         }
-    }
-    return true;
-}
-
-// Calls `use` with the narrow path; `failed` with errno when there is none: EILSEQ, or ENOMEM.
-template <typename Result, typename Use>
-Result WithNarrowPath(const wchar_t* path, Result failed, Use use)
-{
-    std::string narrow;
-    try {
-        if (!NarrowPath(path, narrow)) {
-            errno = EILSEQ;
-            return failed;
+        const unsigned more = c < 0x80 ? 0 : c < 0x800 ? 1 : c < 0x10000 ? 2 : 3;  // bytes
+        if (size + more + 1 >= sizeof(NarrowPath)) {
+            errno = ENAMETOOLONG;
+            return false;
         }
-    } catch (const std::bad_alloc&) {
-        errno = ENOMEM;
-        return failed;
+        constexpr std::uint32_t kFirst[] = {0, 0xC0, 0xE0, 0xF0};
+        narrow[size++] = static_cast<char>(kFirst[more] | c >> 6 * more);
+        for (unsigned left = more; left-- > 0;)
+            narrow[size++] = static_cast<char>(0x80 | (c >> 6 * left & 0x3F));
     }
-    return use(narrow.c_str());
+    narrow[size] = '\0';
+    return true;
 }
 
 }  // namespace
@@ -69,20 +49,20 @@ namespace platform {
 
 std::FILE* OpenFile(const wchar_t* path, const char* mode)
 {
-    return WithNarrowPath<std::FILE*>(
-        path, nullptr, [mode](const char* name) { return std::fopen(name, mode); });
+    NarrowPath name;
+    return Narrow(path, name) ? std::fopen(name, mode) : nullptr;
 }
 
 bool RemoveFile(const wchar_t* path)
 {
-    return WithNarrowPath(path, false, [](const char* name) { return ::unlink(name) == 0; });
+    NarrowPath name;
+    return Narrow(path, name) && ::unlink(name) == 0;
 }
 
 bool TruncateFile(const wchar_t* path, std::uint64_t length)
 {
-    return WithNarrowPath(path, false, [length](const char* name) {
-        return ::truncate(name, static_cast<off_t>(length)) == 0;
-    });
+    NarrowPath name;
+    return Narrow(path, name) && ::truncate(name, static_cast<off_t>(length)) == 0;
 }
 
 int Seek(std::FILE* stream, std::int64_t offset, int origin)

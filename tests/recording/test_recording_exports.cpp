@@ -185,6 +185,31 @@ TEST(AWidePathThatNoFileCanHave, Gives1)
     }
 }
 
+// In bytes, of which Linux takes 4095.
+TEST(AWidePathOfMoreBytesThanTheSystemTakes, Gives1)
+{
+    Folder folder;
+    const std::wstring name = L"/\u20AC.mp4";  // 8 bytes
+    std::wstring path = (folder / "").wstring();
+    path.resize(path.size() - 1);
+    while (path.size() < 4095 - 8)
+        path += L"/.";
+    path.resize(4095 - 8, L'/');
+    mp4_handle handle = nullptr;
+    ASSERT_EQ(mp4_create_file_adv((path + name).c_str(), 0, 0, 0, MP4_IO_FILE, nullptr, &handle),
+              0u);
+    EXPECT_EQ(mp4_close_file(handle), 0u);
+    EXPECT_TRUE(std::filesystem::exists(folder / "\xE2\x82\xAC.mp4"));
+    LogCapture log;
+    handle = nullptr;
+    EXPECT_EQ(mp4_create_file_adv((path + L"/" + name).c_str(), 0, 0, 0, MP4_IO_FILE, nullptr,
+                                  &handle),
+              1u);
+    EXPECT_EQ(handle, nullptr);
+    EXPECT_TRUE(
+        log.Has("error open file failed, error:" + std::string(std::strerror(ENAMETOOLONG))));
+}
+
 #endif
 
 TEST(ANonAsciiPath, KeepsItsNameInBothForms)

@@ -1,6 +1,8 @@
 #include "recorder.h"
 
+#include <cerrno>
 #include <cstdio>
+#include <new>
 #include <utility>
 
 #include <fcntl.h>
@@ -218,6 +220,9 @@ Recorder::Result Recorder::WriteBytes(Kind kind, const std::uint8_t* data, std::
     } catch (const kv_mp4_exception& error) {
         m_failed = true;
         throw FailureOfErrno(error.code, "Writing \"" + m_settings.location + "\" failed");
+    } catch (const std::bad_alloc&) {
+        m_failed = true;
+        throw FailureOfErrno(ENOMEM, "Writing \"" + m_settings.location + "\" failed");
     }
     if (status == MP4_ERR_PARSE_VIDEO || status == MP4_ERR_INVALID_ADTS)
         return Result::kBroken;

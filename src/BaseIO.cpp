@@ -5,6 +5,7 @@
 #include "platform.h"
 
 #include <cerrno>
+#include <utility>
 
 #define UNIT "src/BaseIO"
 
@@ -170,11 +171,9 @@ std::uint32_t CAppendFileWriter::Init(const wchar_t* path, std::uint32_t, std::u
 bool ExternalWriter::Close()
 {
     m_state = kStateClosed;
-    if (m_funcs) {
-        m_funcs->close(m_context);
-        m_context = nullptr;
-        m_funcs = nullptr;
-    }
+    // Forgotten first, so that one that throws is not called again.
+    if (ExternalIoFuncs* const funcs = std::exchange(m_funcs, nullptr))
+        funcs->close(std::exchange(m_context, nullptr));
     return true;
 }
 

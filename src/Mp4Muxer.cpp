@@ -120,7 +120,7 @@ void CMp4Muxer::MakeBoxes(std::uint8_t flags)
     IBaseIO* const file = m_pFile.get();
     m_ftyp = std::make_unique<CMp4FtypAtom>(file);
     m_free = std::make_unique<CMp4FreeAtom>(file);
-    m_mdat = std::make_unique<CMp4MdatAtom>(file, large);
+    auto mdat = std::make_unique<CMp4MdatAtom>(file, large);
     if (m_fastHeader) {
         m_moovBuffer = std::make_unique<CBufferIO>();
         m_moovBuffer->AttachSink(file);
@@ -132,6 +132,7 @@ void CMp4Muxer::MakeBoxes(std::uint8_t flags)
         m_moov->UseCo64();
     if (flags & MP4_OPEN_VERSION1)
         m_moov->SetLongDuration();
+    m_mdat = std::move(mdat);  // last: a close that finds no moov is to finish no mdat either
 }
 
 void CMp4Muxer::WriteFileHead()
@@ -169,8 +170,13 @@ std::uint32_t CMp4Muxer::Close()
     const CMAutoLock hold(m_lock);
 
     // 2. The log is complete before the first byte of moov.
-    if (m_infoWriter.IsOpen())
+    const bool logged = m_infoWriter.IsOpen();
+    if (logged)
         m_infoWriter.Close();
+    // What lacked memory wrote nothing wrong. Where neither a log nor a checkpoint has the
+    // recording, its index as far as that goes is all that can find it.
+    if (m_lackedMemory && !logged && !m_hasCheckpoint)
+        m_pFile->m_state = kStateOpen;
 
     // 3. mdat, moov, and the end of the log; a throw skips what follows it in here.
     std::int64_t clock = platform::ClockMs();
@@ -216,14 +222,15 @@ void CMp4Muxer::FinishFile(std::int64_t& clock)
             m_moov->Write();
     }
     LOG_INFO("Muxer - Close - moov write takes {} ms", Lap(clock));
-    // A local file that failed while it recorded ends without its moov here, though nothing may fail
-    // any more: the log is then all that can give it one. So does any output that lacked memory.
-    if (m_pFile && !m_pFile->IsOpen() && (m_lackedMemory || (m_pFile->IsLocal() && m_dataPos != 0)))
-        throw kv_mp4_exception(m_pFile->m_errno);
     // Otherwise the stream would hand over its last bytes when it closes, behind the removal of the
     // log and with nobody to see it fail. A disk that fills up in them so fails the close and keeps
     // the log, and so does a power cut.
     FlushLocal();
+    // A local file that failed while it recorded ends without its moov here, though nothing may
+    // fail any more: the log is then all that can give it one. So may any that lacked memory.
+    if (m_lackedMemory ||
+        (m_pFile && !m_pFile->IsOpen() && m_pFile->IsLocal() && m_dataPos != 0))
+        throw kv_mp4_exception(m_pFile->m_errno);
     // Kept: with an empty path, too; there is no log then, and its line comes all the same.
     platform::RemoveFile(m_infoPath.c_str());
     LOG_INFO("Muxer - Close - remove info file takes {} ms", Lap(clock));
@@ -243,15 +250,11 @@ void CMp4Muxer::PrepareMoovBuffer()
         m_moovBuffer->AttachSink(m_pFile.get(), m_moov->GetSize());
 }
 
-void CMp4Muxer::FailWithoutMemory() noexcept
+void CMp4Muxer::FailWithoutMemory()
 {
-    try {
-        throw;
-    } catch (const CNoMemory&) {
-    } catch (const std::bad_alloc&) {
-    } catch (...) {
+    // A time code comes by behind other failures, too, whose status stays.
+    if (!m_pFile->IsOpen())
         return;
-    }
     m_pFile->m_state = kStateFailed;
     m_pFile->m_errno = ENOMEM;
     m_lackedMemory = true;

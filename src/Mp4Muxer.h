@@ -10,6 +10,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <new>
 #include <optional>
 #include <string>
 #include <vector>
@@ -132,27 +133,30 @@ private:
     void PrepareMoovBuffer();
     std::uint32_t FailCreate(std::uint32_t status);
 
-    // Runs what enters a sample whose bytes lie in the file. Without memory for it neither the file
-    // nor the log can name those bytes, and all that follows would be looked for in the wrong place:
-    // the output counts as failed, which keeps the last checkpoint and the log as they are.
-    template <typename Enter>
-    void EnterSample(Enter enter)
+    // Runs what must not end half done: the entry of a sample whose bytes lie in the file, and a
+    // checkpoint. Without memory for it neither the file nor the log can name those bytes, and all
+    // that follows would be looked for in the wrong place: the output counts as failed, which keeps
+    // the last checkpoint and the log. No catch-all: a thread that is cancelled goes through.
+    template <typename Body>
+    void NeedingMemory(Body body)
     {
         try {
-            enter();
-        } catch (...) {
+            body();
+        } catch (const CNoMemory&) {
+            FailWithoutMemory();
+            throw;
+        } catch (const std::bad_alloc&) {
             FailWithoutMemory();
             throw;
         }
     }
-    // The output fails if the exception that is being handled is a want of memory.
-    void FailWithoutMemory() noexcept;
+    void FailWithoutMemory();
 
     // The status that keeps a call from working, or nothing.
     std::optional<std::uint32_t> Refusal() const;
 
     bool GetVideoCodecData(const CVideoFrameParser& parser);
-    std::uint32_t AnnounceVideoTrack(const mp4_video_track_info& info);
+    std::uint32_t AnnounceVideoTrack(const mp4_video_track_info& info, bool fromStream);
     std::uint32_t AnnounceAudioTrack();
     void WriteNalUnits(const CVideoFrameParser& parser, std::uint32_t& size, bool& key);
     bool WriteCC608(const std::uint8_t* data, std::uint32_t size, std::uint32_t& sampleSize);
@@ -179,6 +183,7 @@ private:
     std::unique_ptr<IFileIO> m_pFile;  // the output writer
     bool m_lackedMemory = false;       // and failed for that
     bool m_safeMode = false;
+    bool m_hasCheckpoint = false;  // a moov is in force
     std::uint64_t m_nextMoovPos = kNoMoovPosition;  // of the moov in force
     mp4_safe_param m_safeParam{1, 0xA00000, 0x6400000, 0x40000000};
     CFileWriter m_infoWriter;  // closed: the info file is off

@@ -45,7 +45,7 @@ std::uint32_t CMp4Muxer::WriteAudioFrame(const AudioFrame& frame)
                 [size] { LOG_ERROR("write buffer exception, buffer size {}", size); });
     if (failed)
         return *failed;
-    EnterSample([&] { m_moov->AddAudioSample(m_dataPos, size, frame.timestamp); });
+    NeedingMemory([&] { m_moov->AddAudioSample(m_dataPos, size, frame.timestamp); });
     m_dataPos += size;
     WriteBehind();
     return m_infoWriter.IsOpen() ? WriteInfoAudioFrame(size, frame.timestamp)

@@ -38,7 +38,7 @@ std::uint32_t CMp4Muxer::WriteSubtitleFrame(const SubtitleFrame& frame)
     });
     if (failed)
         return *failed;
-    EnterSample([&] { m_moov->AddSubtitleSample(m_dataPos, size, frame.timestamp); });
+    NeedingMemory([&] { m_moov->AddSubtitleSample(m_dataPos, size, frame.timestamp); });
     m_dataPos += size;
     return m_infoWriter.IsOpen() ? WriteInfoSubtitleFrame(size, frame.timestamp)
                                  : std::uint32_t{MP4_OK};
@@ -100,7 +100,7 @@ std::uint32_t CMp4Muxer::WriteTimeCode(std::uint32_t value)
     if (const auto failed = Guarded([&] { WriteBE32(m_pFile.get(), value); }))
         return *failed;
     CMp4TCTrakAtom& track = m_moov->m_trackTC;
-    EnterSample([&] {
+    NeedingMemory([&] {
         track.m_mdia.m_minf.m_stbl.AddSample(m_dataPos, m_moov->m_lastTrackId != track.m_trackId);
     });
     ++track.m_sampleCount;

@@ -71,21 +71,18 @@ bool CMp4Muxer::CheckSafeWrite(std::uint32_t size)
     // Kept: moved ahead of the write and not back by a failure; the next try starts from here.
     m_nextMoovPos = next;
     LOG_INFO("update moov header to {}", next);
-    // 1. The new moov, complete and handed over, before the one size field is touched.
-    // Kept: with the fast header its buffer refuses the seek, and the exception leaves the export;
-    // the two modes do not go together and callers learn it here.
-    try {
+    // Kept: what is none of the output's business, such as parameter sets that have no description,
+    // leaves it open, somewhere in the new moov; callers' next calls try the checkpoint again.
+    NeedingMemory([&] {
+        // 1. The new moov, complete and handed over, before the one size field is touched.
+        // Kept: with the fast header its buffer refuses the seek, and the exception leaves the
+        // export; the two modes do not go together and callers learn it here.
         m_moov->Write(next);
         m_pFile->Flush();
         // 2. The switch.
         m_mdat->UpdateSize(next);
         m_pFile->Flush();
-    } catch (...) {
-        // Somewhere in the new moov, and still open.
-        // Kept: so it stays after what is none of the output's business, such as parameter sets that
-        // have no description; callers go on recording behind it.
-        FailWithoutMemory();
-        throw;
-    }
+    });
+    m_hasCheckpoint = true;
     return true;
 }

@@ -31,17 +31,32 @@ std::uint32_t CMp4Muxer::SetVideoTrack(const mp4_video_track_info* info)
     m_videoReady = info->codec == MP4_VIDEO_PRORES ||
                    (pair && (info->codec == MP4_VIDEO_H264 || info->vps_size != 0));
     if (m_videoReady)
-        return AnnounceVideoTrack(*info);
+        return AnnounceVideoTrack(*info, false);
     LOG_INFO("no codec data in video track info, try to find it in stream");
     return MP4_OK;
 }
 
 // Gives the track its id and its description, and logs it.
-std::uint32_t CMp4Muxer::AnnounceVideoTrack(const mp4_video_track_info& info)
+std::uint32_t CMp4Muxer::AnnounceVideoTrack(const mp4_video_track_info& info, bool fromStream)
 {
-    m_moov->SetVideoTrack(info);
+    try {
+        m_moov->SetVideoTrack(info);
+    } catch (const std::bad_array_new_length&) {
+        throw;  // Kept: a length that reads as negative; callers' frames go on without the set
+    } catch (const std::bad_alloc&) {
+        // No picture may go to a track that cannot describe it: the next one looks for the sets
+        // again, or is refused as ahead of a set-up.
+        if (fromStream) {
+            m_videoReady = false;
+        } else {
+            m_nalParser.reset();
+            m_videoInfo = mp4_video_track_info{};
+        }
+        throw;
+    }
     return m_infoWriter.IsOpen() ? WriteInfoVideoTrack(info) : std::uint32_t{MP4_OK};
 }
+
 
 std::uint32_t CMp4Muxer::SetAudioTrack(const mp4_audio_track_info* info)
 {

@@ -48,7 +48,7 @@ std::uint32_t CMp4Muxer::WriteVideoFrame(const VideoFrame& frame)
             return *failed;
     }
     CMp4VideoTrakAtom& track = m_moov->m_trakVideo;
-    EnterSample([&] {
+    NeedingMemory([&] {
         track.AddSample(m_dataPos, size, frame.pts, frame.dts, key,
                         m_moov->m_lastTrackId != track.m_trackId);
     });
@@ -100,7 +100,7 @@ bool CMp4Muxer::GetVideoCodecData(const CVideoFrameParser& parser)
         if (m_videoInfo.sps && m_videoInfo.pps && (!hevc || m_videoInfo.vps)) {
             m_videoReady = true;
             LOG_INFO("found video codec data in stream, set video track info");
-            AnnounceVideoTrack(m_videoInfo);  // Kept: a failing log does not drop the frame
+            AnnounceVideoTrack(m_videoInfo, true);  // Kept: a failing log does not drop the frame
             return true;
         }
     }

@@ -106,7 +106,7 @@ void CMp4Repair::Rebuild(bool quickTime, std::int64_t& end, std::uint32_t& statu
 
     // 3. The packets. A damaged log does not keep what was read before from being rebuilt.
     // Kept: nor does a want of memory, and moov then lies over the samples that were not reached;
-    // callers get a file that plays, and the status that tells them to take their copy instead.
+    // callers get what plays of it, and the status that tells them to take their copy instead.
     Guard(status, [this] {
         for (;;)
             ReadNextPacket();

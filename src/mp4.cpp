@@ -1,5 +1,5 @@
 // The mp4_ exports: handles, the process-wide lock, the set-up of the logger, the conversion of
-// multibyte paths. No muxing here, and no exception handler: what a method lets out reaches the
+// multibyte paths. No muxing here, and no exception ends here: what a method lets out reaches the
 // caller, with the lock released and the handle still valid.
 #include "kv_mp4.h"
 
@@ -83,17 +83,21 @@ std::uint32_t Create(const wchar_t* path, std::uint8_t flags, std::uint32_t bloc
                      mp4_handle* handle_out)
 {
     auto file = std::make_unique<CMp4Muxer>();
+    // First, as it takes memory: what a create leaves is the business of the object alone.
+    const auto place = g_openHandles.insert(file.get()).first;
+    std::uint32_t status = MP4_OK;
     try {
-        const std::uint32_t status =
-            file->Create(path, block_size, block_count, flags, io_mode, pFunc);
-        if (status != MP4_OK)
-            return status;
-        g_openHandles.insert(file.get());
+        status = file->Create(path, block_size, block_count, flags, io_mode, pFunc);
     } catch (...) {
         // No memory, or a caller's output that throws: as after any other failure no log stays that
         // a repair would lay upon an older file of this name, and the caller's output is closed.
+        g_openHandles.erase(place);
         file->Close();
         throw;
+    }
+    if (status != MP4_OK) {
+        g_openHandles.erase(place);
+        return status;
     }
     *handle_out = file.release();
     return MP4_OK;

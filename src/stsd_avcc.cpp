@@ -9,7 +9,7 @@
 std::unique_ptr<std::uint8_t[]> CopyNalUnit(const std::uint8_t* nal, std::int16_t size)
 {
     if (size < 0)
-        throw std::bad_alloc();
+        throw std::bad_array_new_length();
     const auto bytes = static_cast<std::size_t>(size);
     std::unique_ptr<std::uint8_t[]> copy(new std::uint8_t[bytes]);
     std::memcpy(copy.get(), nal, bytes);

@@ -253,6 +253,30 @@ TEST(ExternalMode, NeedsATable)
     EXPECT_TRUE(log.Has("error error: pFunc should not be null when use external io mode"));
 }
 
+// The head of the file fails, and so does the end of the output.
+TEST(ExternalMode, ACloseThatThrowsIsNotCalledAgain)
+{
+    static int closes;
+    closes = 0;
+    ExternalIoFuncs table{};
+    table.open = [](void**, const wchar_t*, std::uint32_t, std::uint32_t) -> std::uint8_t {
+        return 1;
+    };
+    table.close = [](void*) {
+        ++closes;
+        throw std::runtime_error("close");
+    };
+    table.tell = [](void*) -> std::int64_t { return 0; };
+    table.seek = [](void*, std::int64_t, std::int32_t) {};
+    table.flush = [](void*) {};
+    table.write = [](void*, const void*, std::uint32_t) -> std::int32_t { return 0; };
+    LogCapture log;
+    mp4_handle handle = nullptr;
+    EXPECT_THROW(Create(L"a.mp4", 0, MP4_IO_EXTERNAL, handle, &table), std::runtime_error);
+    EXPECT_EQ(closes, 1);
+    EXPECT_EQ(handle, nullptr);
+}
+
 TEST(ExternalMode, ARefusedOpenGives4AndIsNotClosed)
 {
     static int closes;

@@ -303,6 +303,56 @@ TEST_F(FailingMemory, OfATableEndsTheRecordingAndKeepsTheLog)
         ASSERT_EQ(file.substr(at, 50), std::string(50, static_cast<char>(i)));
 }
 
+// With neither log nor checkpoint the index as far as it goes is better than none.
+TEST_F(FailingMemory, OfATableLeavesTheOtherTracksTheirIndex)
+{
+    ASSERT_EQ(m_muxer.Create(Path().c_str(), 0, 0, 0, MP4_IO_FILE, nullptr), 0u);
+    const mp4_subtitle_track_info captions{MP4_SUBTITLE_CEA608, 1000};
+    ASSERT_EQ(m_muxer.SetSubtitleTrack(&captions), 0u);
+    ASSERT_EQ(m_muxer.SetAudioTrack(&kAac), 0u);
+    const std::uint8_t caption[] = {0x61, 2, 1, 0, 0x94, 0x2C};
+    ASSERT_EQ(m_muxer.WriteSubtitleFrame({sizeof caption, caption, 0}), 0u);
+    for (std::uint32_t i = 0; i < 256; ++i)
+        ASSERT_EQ(WriteFrame(m_muxer, i), 0u);
+    {
+        const Fault fault(g_realloc);
+        EXPECT_EQ(CodeOf([&] { WriteFrame(m_muxer, 256); }), ENOMEM);
+    }
+    EXPECT_EQ(WriteFrame(m_muxer, 257), 1u);
+    EXPECT_EQ(m_muxer.Close(), 1u);
+
+    // "ftyp" and "free" of 28 and 8 bytes, the caption of 10, 256 frames of 50 or 51 and one of 50.
+    // The frame of FF begins as an ADTS header does, whose 7 bytes go.
+    const std::string file = Content(m_folder / "clip.mp4");
+    const std::size_t mdat = 8 + 10 + 128 * 101 - 7 + 50;
+    EXPECT_EQ(U32At(file, 36), mdat);
+    EXPECT_EQ(file.substr(36 + mdat + 4, 4), "moov");
+    const std::size_t track = file.find("c608");
+    ASSERT_NE(track, std::string::npos);
+    EXPECT_EQ(U32At(file, file.find("stsz", track) + 12), 1u);
+    EXPECT_EQ(U32At(file, file.find("stco", track) + 12), 44u);
+    EXPECT_EQ(file.substr(44, 10), std::string("\0\0\0\x0A" "cdat\x94\x2C", 10));
+}
+
+// Time codes do not look at the output; its first failure stays what the others answer.
+TEST_F(FailingMemory, BehindAnotherFailureDoesNotChangeItsStatus)
+{
+    ASSERT_EQ(m_muxer.Create(Path().c_str(), 0, 0, 0, MP4_IO_FILE, nullptr), 0u);
+    const mp4_time_code_track_info timeCode{25, 1, 25, 0};
+    ASSERT_EQ(m_muxer.SetTimeCodeTrack(&timeCode), 0u);
+    ASSERT_EQ(m_muxer.SetAudioTrack(&kAac), 0u);
+    {
+        const Fault fault(g_writeItem);
+        CodeOf([&] { EXPECT_EQ(WriteFrame(m_muxer, 0), 16u); });
+    }
+    {
+        const Fault fault(g_realloc);
+        EXPECT_EQ(CodeOf([&] { m_muxer.WriteTimeCode(1); }), ENOMEM);
+    }
+    EXPECT_EQ(WriteFrame(m_muxer, 1), 16u);
+    EXPECT_EQ(m_muxer.Close(), 16u);
+}
+
 // The second checkpoint describes captions, for which its boxes take memory for the first time.
 TEST_F(FailingMemory, InACheckpointEndsTheRecordingAtTheLastOne)
 {

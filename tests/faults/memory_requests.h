@@ -9,8 +9,10 @@ namespace kvtest {
 // From here on each request asks.
 void WatchRequests();
 
+enum class Request { New, Malloc, Calloc, Realloc, Open };
+
 // Asked for each; sets errno when it is true.
-bool RefusesRequest();
+bool RefusesRequest(Request request);
 
 // Memory that nobody refuses.
 void* Allocate(std::size_t size);

@@ -20,20 +20,21 @@ bool g_refusesNext = false;  // whoever asks
 
 void* AskedMalloc(std::size_t size)
 {
-    const bool refused = std::exchange(g_refusesNext, false) || RefusesRequest();
+    const bool refused =
+        std::exchange(g_refusesNext, false) || RefusesRequest(Request::Malloc);
     return refused ? nullptr : g_malloc(size);
 }
 void* AskedCalloc(std::size_t count, std::size_t size)
 {
-    return RefusesRequest() ? nullptr : g_calloc(count, size);
+    return RefusesRequest(Request::Calloc) ? nullptr : g_calloc(count, size);
 }
 void* AskedRealloc(void* data, std::size_t size)
 {
-    return RefusesRequest() ? nullptr : g_realloc(data, size);
+    return RefusesRequest(Request::Realloc) ? nullptr : g_realloc(data, size);
 }
 std::FILE* AskedOpen(const wchar_t* path, const wchar_t* mode)
 {
-    return RefusesRequest() ? nullptr : g_wfopen(path, mode);
+    return RefusesRequest(Request::Open) ? nullptr : g_wfopen(path, mode);
 }
 
 template <typename Function>

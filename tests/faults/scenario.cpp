@@ -220,33 +220,62 @@ std::size_t Scenario::Now()
 
 void Scenario::Run(const std::filesystem::path& path, ExternalIoFuncs* table, const Around& around)
 {
+    RunSteps(path, table, around, false);
+}
+
+void Scenario::RunAgain(const std::filesystem::path& path, ExternalIoFuncs* table,
+                        const Around& around)
+{
+    RunSteps(path, table, around, true);
+}
+
+namespace {
+
+template <typename Call>
+StepResult ResultOf(Call call)
+{
+    try {
+        return {StepResult::kStatus, call()};
+    } catch (const kv_mp4_exception& error) {
+        return {StepResult::kThrewCode, error.code};
+    } catch (const std::bad_alloc&) {
+        return {StepResult::kThrewMemory, 0};
+    } catch (int number) {
+        return {StepResult::kThrewInteger, number};
+    } catch (...) {
+        return {StepResult::kThrewOther, 0};
+    }
+}
+
+}  // namespace
+
+void Scenario::RunSteps(const std::filesystem::path& path, ExternalIoFuncs* table,
+                        const Around& around, bool again)
+{
     const std::string name = Utf8(path);
     std::fill(m_results.begin(), m_results.end(), StepResult{});
     std::fill(m_checkpoints.begin(), m_checkpoints.end(), 0);
     mp4_handle file = nullptr;
-    for (g_step = 0; g_step < m_steps.size(); ++g_step) {
-        StepResult& result = m_results[g_step];
-        g_checkpoints = 0;
+    const auto call = [&] {
         if (around)
             around(true);
-        try {
-            result.value = g_step != 0
-                               ? m_steps[g_step].call(file)
+        const StepResult result = ResultOf([&] {
+            return g_step != 0 ? m_steps[g_step].call(file)
                                : mp4_create_file_adv_ex(name.c_str(), m_plan.flags, 4096, 32,
                                                         table ? MP4_IO_EXTERNAL : MP4_IO_FILE,
                                                         table, &file);
-            result.kind = StepResult::kStatus;
-        } catch (const kv_mp4_exception& error) {
-            result = {StepResult::kThrewCode, error.code};
-        } catch (const std::bad_alloc&) {
-            result = {StepResult::kThrewMemory, 0};
-        } catch (int number) {
-            result = {StepResult::kThrewInteger, number};
-        } catch (...) {
-            result = {StepResult::kThrewOther, 0};
-        }
+        });
         if (around)
             around(false);
+        return result;
+    };
+    for (g_step = 0; g_step < m_steps.size(); ++g_step) {
+        g_checkpoints = 0;
+        m_results[g_step] = call();
+        const StepResult usual{StepResult::kStatus, m_steps[g_step].expected};
+        // A file is closed once, whatever the close said.
+        if (again && m_results[g_step] != usual && m_steps[g_step].answer != Answer::Close)
+            m_results[g_step] = call();
         m_checkpoints[g_step] = g_checkpoints;
         if (!file)
             return;

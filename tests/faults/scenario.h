@@ -67,6 +67,9 @@ public:
     // called with true before each call of the library and false after it.
     using Around = std::function<void(bool)>;
     void Run(const std::filesystem::path& path, ExternalIoFuncs* table, const Around& around = {});
+    // A caller that makes a call once more that did not end as expected; the results are those of
+    // the last.
+    void RunAgain(const std::filesystem::path& path, ExternalIoFuncs* table, const Around& around);
 
     // The step that runs now, for whoever counts calls.
     static std::size_t Now();
@@ -77,6 +80,8 @@ public:
     Counts SamplesBefore(std::size_t step) const;
 
 private:
+    void RunSteps(const std::filesystem::path& path, ExternalIoFuncs* table, const Around& around,
+                  bool again);
     void Add(const char* name, Answer answer, std::function<std::uint32_t(mp4_handle)> call,
              std::uint32_t expected = 0);
     void AddTracks();

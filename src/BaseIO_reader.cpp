@@ -46,9 +46,15 @@ std::uint32_t CFastFileReader::Init(const wchar_t* path, std::uint32_t, std::uin
     m_stream = platform::OpenFile(path, "rb");
     if (!m_stream)
         return ErrorFromErrno(errno);
-    std::fseek(m_stream, 0, SEEK_END);
-    m_fileSize = static_cast<std::uint64_t>(std::int64_t{std::ftell(m_stream)});
-    std::fseek(m_stream, 0, SEEK_SET);
+    // A size that cannot be had is none: a repair would empty the media file beside an empty log.
+    const bool atEnd = std::fseek(m_stream, 0, SEEK_END) == 0;
+    const std::int64_t size = atEnd ? std::ftell(m_stream) : -1;
+    if (size < 0 || std::fseek(m_stream, 0, SEEK_SET) != 0) {
+        const std::int32_t error = errno;
+        Close();
+        return ErrorFromErrno(error);
+    }
+    m_fileSize = static_cast<std::uint64_t>(size);
     if (m_fileSize <= m_blockSize)
         m_blockSize = static_cast<std::uint32_t>(m_fileSize);
     // Zeroed: the count of the read is not looked at, and a folder has a size and no bytes.
@@ -71,10 +77,15 @@ void CFastFileReader::Slide(std::uint32_t size)
         FailEndOfData(errno);
     const std::uint64_t kept = m_blockEnd - m_pos + 1;
     std::memmove(m_block, m_block + (m_pos - m_blockStart), kept);
+    std::clearerr(m_stream);
     m_blockEnd += platform::ReadBytes(m_stream, m_block + kept, m_blockSize - kept);
     m_blockStart = m_pos;
-    if (m_pos + size > m_blockEnd)
-        FailEndOfData(errno);
+    if (m_pos + size <= m_blockEnd)
+        return;
+    // A disk that fails is no end: a repair would cut what the rest of the log names, and delete it.
+    if (m_blockEnd + 1 < m_fileSize && std::ferror(m_stream))
+        FailRead(errno);
+    FailEndOfData(errno);
 }
 
 // ---- CReadBufferPool -----------------------------------------------------------------------

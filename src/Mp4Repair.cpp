@@ -95,6 +95,8 @@ void CMp4Repair::Rebuild(bool quickTime, std::int64_t& end, std::uint32_t& statu
     // 2. Where the samples begin, in a file that has at least the header of `mdat`.
     m_writer.Seek(0, kSeekEnd);
     const std::int64_t fileSize = m_writer.Tell();
+    if (fileSize < 0)  // no size, which is no reason to empty the file
+        throw kv_mp4_exception(errno);
     if (fileSize < std::int64_t{mdatPosition} + kMdatHeader)
         return;
     m_videoSeen = 0;

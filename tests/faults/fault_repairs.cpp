@@ -250,10 +250,6 @@ private:
         const bool mayPass = fault.call == SysCall::Read;
         if (status == 0 && media == m_repaired)
             return mayPass || fault.call == SysCall::Seek ? "" : "the failure is lost";
-        // A size that cannot be had is that of an empty file: nothing to keep.
-        if (fault.call == SysCall::Seek && SystemCalls::AsksForPositions() && status == 0 &&
-            media.empty())
-            return {};
         // What is left can be repaired, whatever was written so far.
         if (status == 0 || !log)
             return "status " + std::to_string(status) + (log ? "" : ", and the log is gone");
@@ -308,9 +304,6 @@ private:
         if (status == 0) {
             if (log)
                 return "the log stayed";
-            // A size that cannot be had is that of an empty log.
-            if (seeks && media.empty())
-                return {};
             return m_delivered >= m_packets.size() && media == m_repaired ? "" : "not repaired";
         }
         if (status != error.status)
@@ -390,8 +383,8 @@ private:
     std::size_t m_delivered = 0;  // of the log, in the last repair
 };
 
-// A log beyond the block of 24 MiB that its reader pulls in at once: a read that fails behind it is
-// the end of the log, as if it were no longer.
+// A log beyond the block of 24 MiB that its reader pulls in at once: where a read behind it fails, what
+// was delivered by then is repaired, and nothing is cut.
 class LongLog {
 public:
     explicit LongLog(FaultReport& report)
@@ -458,16 +451,22 @@ private:
                 return Status(status, error.status);
             return Content(m_path) == m_media ? "" : "the media file was touched";
         }
-        m_behind += delivered < m_size;
-        if (status != 0)
-            return Status(status, 0);
+        const bool whole = delivered >= m_size;
+        m_behind += !whole;
+        if (status != (whole ? 0 : error.status))
+            return Status(status, whole ? 0 : error.status);
         // All packets but the one with the last byte.
         const std::size_t kept = (delivered - 1 - m_frames) / kPacket;
         const BoxFile file = BoxFile::Read(m_path);
         const std::size_t data = 44;
         const Span index = file.Find("moov");
-        if (!index.Found() || index.begin != data + kept || index.end != file.All().size())
-            return "not cut behind the index of " + std::to_string(kept) + " samples";
+        if (!index.Found() || index.begin != data + kept)
+            return "no index behind " + std::to_string(kept) + " samples";
+        const std::size_t size = file.All().size();
+        if (whole ? index.end != size
+                  : size < m_media.size() ||
+                        !SameBytes(file.All(), m_media, index.end + 8, m_media.size()))
+            return whole ? "not cut" : "bytes behind the index were touched";
         if (file.U32(36) != 8 + kept || !SameBytes(file.All(), m_media, 0, 36) ||
             !SameBytes(file.All(), m_media, 40, data + kept))
             return "the data is not as it was";

@@ -70,8 +70,6 @@ public:
     static std::span<const FaultError> ErrorsOf(SysCall call);
     // Whether the runtime goes on when half of a write was taken; elsewhere that has failed.
     static bool WritesTheRest();
-    // Whether a stream asks the system for its position, also where it could know.
-    static bool AsksForPositions();
     // For Scenario::Run: lets calls by while the library is not at work.
     static void Around(bool inside);
 };

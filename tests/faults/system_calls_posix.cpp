@@ -22,11 +22,6 @@ std::span<const FaultError> SystemCalls::ErrorsOf(SysCall)
     return kFaultErrors;
 }
 
-bool SystemCalls::AsksForPositions()
-{
-    return false;
-}
-
 bool SystemCalls::WritesTheRest()
 {
     return true;

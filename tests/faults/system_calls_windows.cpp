@@ -227,11 +227,6 @@ std::span<const FaultError> SystemCalls::ErrorsOf(SysCall call)
     }
 }
 
-bool SystemCalls::AsksForPositions()
-{
-    return true;
-}
-
 bool SystemCalls::WritesTheRest()
 {
     return false;

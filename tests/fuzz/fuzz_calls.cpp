@@ -56,10 +56,28 @@ private:
         file.flags = Any<std::uint8_t>();
         const auto kind = Any<std::uint8_t>();
         file.name = std::to_string(i) + (kind & 1 ? ".mov" : ".mp4");
-        const std::string path = (fuzz::Folder() / file.name).string();
+        const std::filesystem::path name = fuzz::Folder() / file.name;
+        const std::string path = name.string();
+        const std::wstring wide = name.wstring();
+        const int way = kind >> 3 & 7;
         if (kind & 2) {
-            mp4_create_file_adv_ex(path.c_str(), file.flags, 0, 0, MP4_IO_FILE, nullptr,
-                                   &file.handle);
+            switch (way) {
+            case 1:
+                mp4_create_file_adv(wide.c_str(), file.flags, 0, 0, MP4_IO_FILE, nullptr,
+                                    &file.handle);
+                break;
+            case 2: mp4_create_file(wide.c_str(), file.flags, &file.handle); break;
+            case 3: mp4_create_file_ex(path.c_str(), file.flags, &file.handle); break;
+            case 4:
+            case 5:
+                file.flags = MP4_OPEN_LARGE_FILE | MP4_OPEN_INFO_FILE;
+                file.handle = way == 4 ? kv_mp4_open(path.c_str()) : kv_mp4_open_ex(wide.c_str());
+                break;
+            case 6: OpenNothing(path, wide, file.flags); break;
+            default:
+                mp4_create_file_adv_ex(path.c_str(), file.flags, 0, 0, MP4_IO_FILE, nullptr,
+                                       &file.handle);
+            }
             return;
         }
         // Its table is in use while it is open, so that there is one such file at a time.
@@ -70,8 +88,26 @@ private:
         file.sink = std::make_unique<fuzz::Sink>();
         if (kind & 4)
             file.sink->FailFrom(Any<std::uint8_t>());
-        mp4_create_file_adv_ex(path.c_str(), file.flags, 0, 0, MP4_IO_EXTERNAL,
-                               file.sink->Table(), &file.handle);
+        if (way & 1)
+            mp4_create_file_adv(wide.c_str(), file.flags, 0, 0, MP4_IO_EXTERNAL,
+                                file.sink->Table(), &file.handle);
+        else
+            mp4_create_file_adv_ex(path.c_str(), file.flags, 0, 0, MP4_IO_EXTERNAL,
+                                   file.sink->Table(), &file.handle);
+    }
+
+    // Without a path, a place for the handle, or a table that is asked for.
+    static void OpenNothing(const std::string& path, const std::wstring& wide, std::uint8_t flags)
+    {
+        mp4_handle none = nullptr;
+        FUZZ_CHECK(mp4_create_file(nullptr, flags, &none) != MP4_OK);
+        FUZZ_CHECK(mp4_create_file_ex(nullptr, flags, &none) != MP4_OK);
+        FUZZ_CHECK(mp4_create_file(wide.c_str(), flags, nullptr) != MP4_OK);
+        FUZZ_CHECK(mp4_create_file_ex(path.c_str(), flags, nullptr) != MP4_OK);
+        FUZZ_CHECK(mp4_create_file_adv(wide.c_str(), flags, 0, 0, MP4_IO_EXTERNAL, nullptr,
+                                       &none) != MP4_OK);
+        FUZZ_CHECK(!none);
+        FUZZ_CHECK(!kv_mp4_open(nullptr) && !kv_mp4_open_ex(nullptr));
     }
 
     void Close(std::size_t i)
@@ -110,12 +146,23 @@ private:
         info.sps_size = static_cast<std::int16_t>(sps.size());
         info.pps_size = static_cast<std::int16_t>(pps.size());
         info.vps_size = static_cast<std::int16_t>(vps.size());
+        if (kind & 128)
+            FUZZ_CHECK(mp4_set_video_track(handle, nullptr) != MP4_OK &&
+                       kv_mp4_set_video(handle, nullptr) != MP4_OK);
         mp4_set_video_track(handle, &info);
     }
 
     void SetOther(mp4_handle handle)
     {
         const auto kind = Any<std::uint8_t>();
+        if (kind & 128) {
+            FUZZ_CHECK(mp4_set_audio_track(handle, nullptr) != MP4_OK);
+            FUZZ_CHECK(mp4_set_subtitle_track(handle, nullptr) != MP4_OK);
+            FUZZ_CHECK(mp4_set_time_code_track(handle, nullptr) != MP4_OK);
+            FUZZ_CHECK(kv_mp4_set_audio(handle, nullptr) != MP4_OK);
+            FUZZ_CHECK(kv_mp4_set_subtitle(handle, nullptr) != MP4_OK);
+            FUZZ_CHECK(mp4_set_safe_param(handle, nullptr) != MP4_OK);
+        }
         if (kind & 1) {
             mp4_audio_track_info info{};
             info.codec = kind >> 1 & 3;
@@ -198,7 +245,10 @@ private:
         case 7: mp4_write_time_code(handle, Any<std::uint32_t>()); break;
         case 8:
             m_files[i].closesWell = false;  // an open file, if it is in the folder
-            mp4_repair_file_ex((fuzz::Folder() / m_files[i].name).c_str(), step >> 7);
+            if (step & 64)
+                mp4_repair_file((fuzz::Folder() / m_files[i].name).wstring().c_str(), step >> 7);
+            else
+                mp4_repair_file_ex((fuzz::Folder() / m_files[i].name).c_str(), step >> 7);
             break;
         case 9:
         case 10: write(mp4_write_audio_frame); break;

@@ -105,8 +105,9 @@ std::size_t MdatOf(const FaultPlan& plan)
     return plan.file == std::string("clip.mov") ? 20 : 36;
 }
 
-std::string JudgeLastCheckpoint(const Scenario& scenario, const std::vector<unsigned>& checkpoints,
-                                std::size_t step, unsigned within, const Bytes& media)
+std::string JudgeLastCheckpoint(const Scenario& scenario,
+                                const std::vector<std::uint64_t>& checkpoints, std::size_t step,
+                                unsigned within, const Bytes& media)
 {
     std::size_t last = 0;  // the step that completed one last
     for (std::size_t n = 0; n < step; ++n)
@@ -116,10 +117,7 @@ std::string JudgeLastCheckpoint(const Scenario& scenario, const std::vector<unsi
         last = step;
     if (last == 0)
         return {};
-    const std::size_t mdat = MdatOf(scenario.Plan());
-    if (media.size() < mdat + 8)
-        return "the media file has " + std::to_string(media.size()) + " bytes";
-    const Checkpoint checkpoint{0, mdat + BoxFile(media).U32(mdat), scenario.SamplesBefore(last)};
+    const Checkpoint checkpoint{0, checkpoints[last], scenario.SamplesBefore(last)};
     const std::string wrong = JudgeCheckpoint(scenario.Samples(), checkpoint, media);
     return wrong.empty() ? wrong : "the last checkpoint: " + wrong;
 }
@@ -129,10 +127,8 @@ std::vector<std::size_t> PacketSteps(const Scenario& scenario)
     std::vector<std::size_t> steps;
     for (std::size_t n = 1; n < scenario.Steps().size(); ++n) {
         const FaultStep& step = scenario.Steps()[n];
-        const bool logs = step.answer == Answer::Refuses ||
-                          std::string_view(step.name).starts_with("time code");
-        if (logs && scenario.Results()[n] == Status(0))
-            steps.push_back(n);
+        if (scenario.Results()[n] == Status(0))
+            steps.insert(steps.end(), step.packets, n);
     }
     return steps;
 }
@@ -142,15 +138,17 @@ std::string JudgeRepaired(const Scenario& scenario, const Bytes& media, std::siz
 {
     std::vector<std::size_t> named = PacketSteps(scenario);
     named.resize(std::min(named.size(), packets));
-    // The samples of the log, in its order.
+    // The samples of the log, in its order; a sample's packet is the last of its step.
     std::vector<std::pair<std::size_t, Track>> logged;
     Counts counts;
     for (const Track track : kAllTracks)
-        for (const Sample& sample : scenario.Samples().tracks[track])
-            if (std::binary_search(named.begin(), named.end(), std::size_t{sample.step})) {
+        for (const Sample& sample : scenario.Samples().tracks[track]) {
+            const auto of = std::count(named.begin(), named.end(), std::size_t{sample.step});
+            if (of != 0 && of == scenario.Steps()[sample.step].packets) {
                 logged.emplace_back(sample.step, track);
                 ++counts.of[track];
             }
+        }
     std::sort(logged.begin(), logged.end());
 
     // For each time code the moov begins 4 bytes ahead of the end of the data: these samples lose.

@@ -59,15 +59,17 @@ std::string CompareResults(const Scenario& scenario, const Failure& failure);
 // The same of a run without any.
 std::string CompareResults(const Scenario& scenario);
 
-// Whether the media file, whatever became of it, has all samples of the last checkpoint that was
-// complete ahead of a step: `within` counts those that the step itself completed.
-std::string JudgeLastCheckpoint(const Scenario& scenario, const std::vector<unsigned>& checkpoints,
-                                std::size_t step, unsigned within, const Bytes& media);
+// Whether the media file, whatever became of it, has the last checkpoint in force that was complete
+// ahead of a step, where the log line put it, with all its samples: `within` counts those that the
+// step itself completed.
+std::string JudgeLastCheckpoint(const Scenario& scenario,
+                                const std::vector<std::uint64_t>& checkpoints, std::size_t step,
+                                unsigned within, const Bytes& media);
 
 // Where the header of mdat stands.
 std::size_t MdatOf(const FaultPlan& plan);
 
-// The steps of the last run that answered 0 and so have a packet each, in the order of the log.
+// The step of each packet of the log, in its order: those that answered 0 in the last run.
 std::vector<std::size_t> PacketSteps(const Scenario& scenario);
 
 // Repairs the pair and looks for the samples that its log must name: those of all packets but the

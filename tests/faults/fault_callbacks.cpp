@@ -17,7 +17,7 @@ namespace {
 // The run without a fault.
 struct Whole {
     std::vector<std::size_t> writesAfter;  // by step
-    std::vector<unsigned> checkpoints;
+    std::vector<std::uint64_t> checkpoints;
     std::size_t called[ExternalSink::kWrite + 1] = {};
     Bytes bytes;
     std::vector<std::string> calls;
@@ -26,9 +26,10 @@ struct Whole {
 
 class Callbacks {
 public:
-    Callbacks(const FaultPlan& plan, FaultReport& report, const FaultChoice& choice)
-        : m_scenario(plan), m_report(report), m_choice(choice), m_path(m_folder / plan.file),
-          m_log(m_path.string() + ".info")
+    Callbacks(const FaultPlan& plan, std::size_t turn, FaultReport& report,
+              const FaultChoice& choice)
+        : m_scenario(plan), m_turn(turn), m_report(report), m_choice(choice),
+          m_path(m_folder / plan.file), m_log(m_path.string() + ".info")
     {
     }
 
@@ -61,10 +62,12 @@ public:
     // with all of them.
     void FailWrites()
     {
-        for (std::size_t n = 1;; n += m_choice.stride)
+        const std::size_t first = First(ExternalSink::kWrite);
+        for (std::size_t n = first;; n += m_choice.stride)
             for (std::size_t i = 0; i < (m_choice.all ? std::size(kFaultErrors) : 1); ++i)
                 if (!FailWrite(n, i))
-                    return RequireAll(ExternalSink::kWrite, "write", n / m_choice.stride);
+                    return RequireAll(ExternalSink::kWrite, "write", first,
+                                      (n - first) / m_choice.stride);
     }
 
     // Calls whose results the library does not look at: no answer shows it, and nothing breaks.
@@ -72,7 +75,8 @@ public:
     {
         for (const bool forEver : {false, true}) {
             std::size_t struck = 0;
-            for (std::size_t n = 1;; n += m_choice.stride) {
+            const std::size_t first = First(callback);
+            for (std::size_t n = first;; n += m_choice.stride) {
                 const int descriptor = NextDescriptor();
                 ExternalSink sink;
                 sink.Fail(callback, n, EIO, forEver);
@@ -89,7 +93,7 @@ public:
                     wrong = "a file was left open";
                 m_report.Add(name, Where(n, EIO, forEver), wrong);
             }
-            RequireAll(callback, name, struck);
+            RequireAll(callback, name, first, struck);
         }
     }
 
@@ -107,10 +111,16 @@ public:
     }
 
 private:
-    void RequireAll(ExternalSink::Callback callback, const char* name, std::size_t struck)
+    std::size_t First(ExternalSink::Callback callback)
+    {
+        return m_choice.First(m_turn++, m_whole.called[callback]);
+    }
+
+    void RequireAll(ExternalSink::Callback callback, const char* name, std::size_t first,
+                    std::size_t struck)
     {
         m_report.Require(name, m_scenario.Plan().name, struck,
-                         (m_whole.called[callback] + m_choice.stride - 1) / m_choice.stride);
+                         m_choice.Strikes(first, m_whole.called[callback]));
     }
 
     std::string JudgeUnseen(ExternalSink::Callback callback, const ExternalSink& sink,
@@ -141,10 +151,9 @@ private:
     std::string JudgeCalls(std::size_t step, std::span<const std::string> is,
                            std::span<const std::string> wanted, bool harmless) const
     {
-        if (m_scenario.Checkpoints()[step] != m_whole.checkpoints[step]) {
-            const bool units = !m_scenario.Plan().proRes &&
-                               m_scenario.Steps()[step].name == std::string("video frame");
-            const std::size_t own = units ? 2 : 1;
+        const bool began = m_scenario.Checkpoints()[step] != 0;
+        if (began != (m_whole.checkpoints[step] != 0)) {
+            const std::size_t own = m_scenario.Steps()[step].writes;
             if (harmless || is.size() < own)
                 return "no call of its own";
             is = is.last(own);
@@ -204,10 +213,10 @@ private:
         std::size_t step = 0;
         while (m_whole.writesAfter[step] < n)
             ++step;
-        // A frame's own writes come last: a length and a unit, or the bytes alone.
+        // A frame's own writes come last.
         const bool video = steps[step].name == std::string("video frame");
         const bool proRes = m_scenario.Plan().proRes;
-        const std::size_t own = video && !proRes ? 2 : 1;
+        const std::size_t own = steps[step].writes;
         const bool inCheckpoint =
             m_whole.checkpoints[step] != 0 && n + own <= m_whole.writesAfter[step];
         const bool unguarded = inCheckpoint || (video && proRes);
@@ -235,6 +244,7 @@ private:
     }
 
     Scenario m_scenario;
+    std::size_t m_turn;
     FaultReport& m_report;
     FaultChoice m_choice;
     Folder m_folder;
@@ -248,8 +258,9 @@ private:
 bool ProveCallbacks(const FaultChoice& choice)
 {
     FaultReport report;
-    for (const FaultPlan& plan : FaultPlans()) {
-        Callbacks proof(plan, report, choice);
+    std::size_t turn = 0;
+    for (const FaultPlan& plan : AllFaultPlans()) {
+        Callbacks proof(plan, turn++, report, choice);
         if (!proof.RunWhole())
             break;
         proof.FailWrites();

@@ -8,6 +8,7 @@
 #include "support/recording.h"
 
 #include <algorithm>
+#include <set>
 
 namespace kvtest {
 
@@ -24,9 +25,9 @@ constexpr Way kWays[] = {{"once", false, false}, {"for ever", true, false},
 
 class Calls {
 public:
-    Calls(const FaultPlan& plan, FaultReport& report, const FaultChoice& choice)
-        : m_scenario(plan), m_report(report), m_choice(choice), m_path(WatchedFolder() / plan.file),
-          m_log(m_path.string() + ".info")
+    Calls(const FaultPlan& plan, std::size_t turn, FaultReport& report, const FaultChoice& choice)
+        : m_scenario(plan), m_turn(turn), m_report(report), m_choice(choice),
+          m_path(WatchedFolder() / plan.file), m_log(m_path.string() + ".info")
     {
     }
 
@@ -56,20 +57,25 @@ public:
         for (const Way& way : kWays) {
             if (way.half && call != SysCall::Write)
                 continue;
+            const std::size_t calls = CallsOf(call, file);
+            const std::size_t first = m_choice.First(m_turn++, calls);
             std::size_t struck = 0;
-            for (std::size_t n = 1; FailNth({call, file, n, 0, way.forEver, way.half}, way.name);
-                 n += m_choice.stride)
+            for (std::size_t n = first;
+                 FailNth({call, file, n, 0, way.forEver, way.half}, way.name); n += m_choice.stride)
                 ++struck;
             m_report.Require(NameOf(call, file) + " " + way.name, m_scenario.Plan().name, struck,
-                             (CallsOf(call, file) + m_choice.stride - 1) / m_choice.stride);
+                             m_choice.Strikes(first, calls));
         }
     }
+
+    // The steps that told of a log that failed.
+    const std::set<std::string>& Told() const { return m_told; }
 
     // No error at all, but a write that takes half of its bytes: the rest goes with the next.
     void ShortWrites(SysFile file)
     {
         const std::size_t writes = CallsOf(SysCall::Write, file);
-        for (std::size_t n = 1; n <= writes; n += m_choice.stride) {
+        for (std::size_t n = m_choice.First(m_turn++, writes); n <= writes; n += m_choice.stride) {
             const SysFault fault{SysCall::Write, file, n, 0, false, false};
             Run(fault);
             m_report.Add("write, half taken", Where(fault), Unharmed(false));
@@ -153,6 +159,16 @@ private:
         return std::filesystem::exists(m_log) == logStays ? "" : "the log stayed, or is gone";
     }
 
+    // A picture at the interval; it waits for the medium.
+    bool FlushesLog(std::size_t step) const
+    {
+        return m_scenario.Steps()[step].name == std::string("video frame") &&
+               std::any_of(m_events.begin(), m_events.end(), [step](const SysEvent& event) {
+                   return event.step == step && event.file == SysFile::Log &&
+                          event.call == SysCall::Sync;
+               });
+    }
+
     std::string JudgeLogFault(const SysFault& fault, const FaultError& error, std::size_t step)
     {
         const StepResult status{StepResult::kStatus, error.status};
@@ -168,10 +184,11 @@ private:
             return {};
         }
         // Told once by the call whose packet did not fit the stream any more, by none that flushed.
-        const bool told = m_scenario.Steps()[step].name == std::string("metadata") &&
+        const bool told = m_scenario.Steps()[step].answer != Answer::Close && !FlushesLog(step) &&
                           fault.call == SysCall::Write;
         if (!told)
             return Unharmed(fault.call == SysCall::Unlink);
+        m_told.insert(m_scenario.Steps()[step].name);
         if (const std::string wrong = CompareResults(m_scenario, {step, {status}, std::nullopt});
             !wrong.empty())
             return wrong;
@@ -282,13 +299,8 @@ private:
             waits += n < place && event.call == SysCall::Sync;
             lastWrite = event.call == SysCall::Write ? n : lastWrite;
         }
-        const bool flushesLog =
-            std::any_of(m_events.begin(), m_events.end(), [&](const SysEvent& event) {
-                return event.step == step && event.file == SysFile::Log &&
-                       steps[step].name == std::string("video frame");
-            });
         const bool inCheckpoint = m_checkpoints[step] != 0 && waits < 2;
-        const bool inFlush = flushesLog && !inCheckpoint && place >= lastWrite;
+        const bool inFlush = FlushesLog(step) && !inCheckpoint && place >= lastWrite;
         const bool inClose = steps[step].answer == Answer::Close;
 
         Failure failure{step, {}, error.status};
@@ -324,22 +336,45 @@ private:
     }
 
     Scenario m_scenario;
+    std::size_t m_turn;
     FaultReport& m_report;
     FaultChoice m_choice;
     std::filesystem::path m_path;
     std::filesystem::path m_log;
     std::vector<SysEvent> m_events;
-    std::vector<unsigned> m_checkpoints;
+    std::vector<std::uint64_t> m_checkpoints;
     Bytes m_whole;
+    std::set<std::string> m_told;
 };
+
+// A log whose stream is full in the midst of a packet, of each kind: nothing flushes it, and a value
+// ahead of the tracks is longer in each run.
+void FailPackets(FaultReport& report, const FaultChoice& choice)
+{
+    std::set<std::string> told;
+    std::size_t turn = 0;
+    for (std::uint32_t lead = 3860; lead < 4060; lead += 4) {
+        Calls proof({.name = "full stream", .file = "clip.mp4", .flags = MP4_OPEN_INFO_FILE,
+                     .proRes = false, .pictures = 2, .flushInterval = 900, .lead = lead},
+                    turn++, report, choice);
+        if (!proof.RunWhole())
+            return;
+        proof.Fail(SysCall::Write, SysFile::Log);
+        told.insert(proof.Told().begin(), proof.Told().end());
+    }
+    for (const char* name : {"video track", "audio track", "caption track", "time code track",
+                             "title", "time code", "video frame", "audio frame", "caption frame"})
+        report.Require("told of the log", name, told.count(name), 1);
+}
 
 }  // namespace
 
 bool ProveSystemCalls(const FaultChoice& choice)
 {
     FaultReport report;
-    for (const FaultPlan& plan : FaultPlans()) {
-        Calls proof(plan, report, choice);
+    std::size_t turn = 0;
+    for (const FaultPlan& plan : AllFaultPlans()) {
+        Calls proof(plan, turn++, report, choice);
         if (!proof.RunWhole())
             break;
         for (const SysFile file : {SysFile::Media, SysFile::Log}) {
@@ -348,6 +383,7 @@ bool ProveSystemCalls(const FaultChoice& choice)
             proof.ShortWrites(file);
         }
     }
+    FailPackets(report, choice);
     return report.Print("system calls");
 }
 

@@ -116,16 +116,22 @@ private:
         return !fits || CompareResults(m_scenario) != "";
     }
 
-    // A log that is full first tells once, in the call whose packet did not fit the stream.
+    // A log that is full first tells once, in the call whose packet did not fit the stream: then the
+    // next call that looks at the output is as ever.
     std::optional<std::size_t> LogTold() const
     {
         const auto& steps = m_scenario.Steps();
-        for (std::size_t n = 0; n + 1 < steps.size(); ++n)
-            if (steps[n].name == std::string("metadata") && m_scenario.Plan().HasLog() &&
-                m_scenario.Results()[n] == kFull &&
-                m_scenario.Results()[n + 1] == StepResult{StepResult::kStatus, steps[n + 1].expected})
-                return n;
-        return std::nullopt;
+        const auto& results = m_scenario.Results();
+        std::size_t told = 1;
+        while (told < steps.size() && results[told] != kFull)
+            ++told;
+        std::size_t next = told + 1;
+        while (next < steps.size() && steps[next].answer == Answer::Ignores)
+            ++next;
+        if (!m_scenario.Plan().HasLog() || next >= steps.size() ||
+            results[next] != StepResult{StepResult::kStatus, steps[next].expected})
+            return std::nullopt;
+        return told;
     }
 
     // The log may have ended, the recording not.
@@ -170,7 +176,7 @@ private:
         const Bytes media = Content(m_path);
         if (steps[failed].answer != Answer::Close) {  // it writes over the moov in force
             // What threw was the checkpoint, ahead of its switch or behind it, or a bare picture.
-            const unsigned own = checkpoints[failed];
+            const unsigned own = checkpoints[failed] != 0;
             std::string wrong = JudgeLastCheckpoint(m_scenario, checkpoints, failed, own, media);
             if (!wrong.empty() && own != 0 && threw)
                 wrong = JudgeLastCheckpoint(m_scenario, checkpoints, failed, 0, media);
@@ -200,11 +206,13 @@ private:
         const auto size = std::filesystem::file_size(m_log);
         std::size_t end = kLogHeader;
         std::size_t kept = 0;
+        std::size_t at = 0;
         for (const std::size_t step : PacketSteps(m_scenario)) {
             if (logTold && step > *logTold)
                 break;
-            const auto at = std::find(m_packetSteps.begin(), m_packetSteps.end(), step);
-            const LogPacket& packet = m_packets[static_cast<std::size_t>(at - m_packetSteps.begin())];
+            while (m_packetSteps[at] != step)
+                ++at;
+            const LogPacket& packet = m_packets[at++];
             end += packet.end - packet.begin;
             if (end >= size)
                 break;
@@ -278,7 +286,7 @@ bool CanFillDisks()
 bool ProveFullDisks(const FaultChoice&)
 {
     FaultReport report;
-    for (const FaultPlan& plan : FaultPlans()) {
+    for (const FaultPlan& plan : AllFaultPlans()) {
         Disks proof(plan, report);
         if (!proof.RunWhole())
             break;

@@ -75,8 +75,9 @@ Bytes Resized(Bytes bytes, std::size_t size)
 
 class Repairs {
 public:
-    Repairs(const FaultPlan& plan, FaultReport& report, const FaultChoice& choice)
-        : m_scenario(plan), m_plan(plan), m_report(report), m_choice(choice),
+    Repairs(const FaultPlan& plan, std::size_t turn, FaultReport& report,
+            const FaultChoice& choice)
+        : m_scenario(plan), m_plan(plan), m_turn(turn), m_report(report), m_choice(choice),
           m_path(WatchedFolder() / plan.file), m_log(m_path.string() + ".info"),
           m_mdat(MdatOf(plan))
     {
@@ -109,7 +110,7 @@ public:
             m_allPackets.begin(), m_allPackets.end(),
             [this](const LogPacket& packet) { return packet.end < m_packets.size(); });
         std::string wrong = Status(status, 0);
-        if (wrong.empty() && m_flushed == 0)
+        if (wrong.empty() && m_plan.flushInterval < m_plan.pictures && m_flushed == 0)
             wrong = "the log was never flushed";
         if (wrong.empty())
             wrong = JudgeRepaired(m_scenario, m_repaired, m_flushed,
@@ -141,7 +142,7 @@ public:
     void Halve(SysCall call, SysFile file)
     {
         const std::size_t calls = CallsOf(call, file);
-        for (std::size_t n = 1; n <= calls; n += m_choice.stride) {
+        for (std::size_t n = m_choice.First(m_turn++, calls); n <= calls; n += m_choice.stride) {
             const SysFault fault{call, file, n, 0, false, false};
             const std::uint32_t status = Repair(fault);
             m_report.Add(std::string(NameOf(call)) + ", half moved", Where(fault),
@@ -156,15 +157,16 @@ private:
         return CountCalls(m_events, call, file);
     }
 
-    // From the call behind the first so many on.
-    void FailAll(SysFault fault, std::size_t first)
+    // The calls behind the first so many.
+    void FailAll(SysFault fault, std::size_t ahead)
     {
-        const std::size_t stride = m_choice.stride;
+        const std::size_t calls = CallsOf(fault.call, fault.file) - ahead;
+        const std::size_t first = m_choice.First(m_turn++, calls);
         std::size_t struck = 0;
-        for (fault.n = first + 1; FailNth(fault); fault.n += stride)
+        for (fault.n = ahead + first; FailNth(fault); fault.n += m_choice.stride)
             ++struck;
         m_report.Require(NameOf(fault.call, fault.file) + WayOf(fault), m_plan.name, struck,
-                         (CallsOf(fault.call, fault.file) - first + stride - 1) / stride);
+                         m_choice.Strikes(first, calls));
     }
 
     static const char* WayOf(const SysFault& fault)
@@ -368,6 +370,7 @@ private:
 
     Scenario m_scenario;
     FaultPlan m_plan;
+    std::size_t m_turn;
     FaultReport& m_report;
     FaultChoice m_choice;
     std::filesystem::path m_path;
@@ -489,10 +492,11 @@ private:
 bool ProveRepairs(const FaultChoice& choice)
 {
     FaultReport report;
-    for (const FaultPlan& plan : FaultPlans()) {
+    std::size_t turn = 0;
+    for (const FaultPlan& plan : AllFaultPlans()) {
         if (!plan.HasLog())
             continue;
-        Repairs proof(plan, report, choice);
+        Repairs proof(plan, turn++, report, choice);
         if (!proof.RunWhole())
             break;
         for (const SysFile file : {SysFile::Media, SysFile::Log}) {

@@ -5,6 +5,7 @@
 #include <spdlog/sinks/sink.h>
 #include <spdlog/spdlog.h>
 
+#include <charconv>
 #include <new>
 #include <string_view>
 
@@ -12,22 +13,22 @@ namespace kvtest {
 
 namespace {
 
-constexpr std::uint32_t kPictures = 31;
 constexpr std::uint32_t kPictureTime = 3600;   // 25 a second
 constexpr std::uint32_t kAudioTime = 1920;     // of each frame, as long as a picture
-constexpr std::uint32_t kFlushInterval = 10;   // pictures
 constexpr std::uint32_t kDistance = 12000;     // bytes from checkpoint to checkpoint
 
 std::size_t g_step = 0;
-unsigned g_checkpoints = 0;
+std::uint64_t g_checkpoint = 0;
 
-// Counts checkpoints and drops everything.
+// Notes where a checkpoint goes and drops everything.
 class CheckpointSink final : public spdlog::sinks::sink {
 public:
     void log(const spdlog::details::log_msg& line) override
     {
+        constexpr std::string_view start = "update moov header to ";
         const std::string_view text(line.payload.data(), line.payload.size());
-        g_checkpoints += text.starts_with("update moov header to ");
+        if (text.starts_with(start))
+            std::from_chars(text.data() + start.size(), text.data() + text.size(), g_checkpoint);
     }
     void flush() override {}
     void set_pattern(const std::string&) override {}
@@ -74,6 +75,18 @@ const std::vector<FaultPlan>& FaultPlans()
     return plans;
 }
 
+const std::vector<FaultPlan>& AllFaultPlans()
+{
+    static const std::vector<FaultPlan> plans = [] {
+        constexpr std::uint8_t both = MP4_OPEN_SAFE_MODE | MP4_OPEN_INFO_FILE;
+        std::vector<FaultPlan> all = FaultPlans();
+        all.push_back({"safe and info, in-stream HEVC", "clip.mp4", both, false, true, true});
+        all.push_back({"in-stream H.264", "clip.mp4", 0, false, false, true});
+        return all;
+    }();
+    return plans;
+}
+
 std::string StepResult::Text() const
 {
     switch (kind) {
@@ -95,9 +108,11 @@ Scenario::Scenario(const FaultPlan& plan) : m_plan(plan)
         const mp4_safe_param params{0, kDistance, 2 * kDistance, 4 * kDistance};
         return mp4_set_safe_param(file, &params);
     });
-    Add("flush interval", Answer::Ignores, [](mp4_handle file) {
-        return mp4_repair_set_flush_interval(file, kFlushInterval);
+    Add("flush interval", Answer::Ignores, [interval = plan.flushInterval](mp4_handle file) {
+        return mp4_repair_set_flush_interval(file, interval);
     }, 4);
+    if (plan.lead != 0)
+        AddMetadata("lead", plan.lead);
     AddTracks();
     AddFrames();
     Add("close", Answer::Close, [](mp4_handle file) { return mp4_close_file(file); });
@@ -111,6 +126,21 @@ void Scenario::Add(const char* name, Answer answer,
     m_steps.push_back({name, answer, expected, std::move(call)});
 }
 
+void Scenario::Brings(unsigned packets, unsigned writes)
+{
+    m_steps.back().packets = packets;
+    m_steps.back().writes = writes;
+}
+
+void Scenario::AddMetadata(const char* name, std::uint32_t size)
+{
+    Add(name, Answer::Refuses, [value = Filler(size, 1)](mp4_handle file) {
+        return mp4_set_metadata_ex(file, "com.example.notes", value.data(), Size(value),
+                                   MP4_METADATA_BINARY, "mdta");
+    });
+    Brings(1);
+}
+
 void Scenario::Keep(Track track, const Bytes& sample)
 {
     m_take.tracks[track].push_back({track, Hash(sample.data(), sample.size()), Size(sample),
@@ -119,14 +149,14 @@ void Scenario::Keep(Track track, const Bytes& sample)
 
 void Scenario::AddTracks()
 {
-    const bool proRes = m_plan.proRes;
-    Add("video track", Answer::Refuses, [proRes](mp4_handle file) {
-        mp4_video_track_info info{};
+    Add("video track", Answer::Refuses, [plan = m_plan](mp4_handle file) {
+        mp4_video_track_info info = plan.hevc && !plan.inStream ? HevcRecord()
+                                                                : mp4_video_track_info{};
         info.timescale = 90000;
         info.width = 160;
         info.height = 120;
-        info.codec = proRes ? MP4_VIDEO_PRORES : MP4_VIDEO_H264;
-        if (!proRes) {
+        info.codec = plan.proRes ? MP4_VIDEO_PRORES : plan.hevc ? MP4_VIDEO_HEVC : MP4_VIDEO_H264;
+        if (!plan.proRes && !plan.hevc && !plan.inStream) {
             info.sps = Sps().data();
             info.sps_size = static_cast<std::int16_t>(Sps().size());
             info.pps = Pps().data();
@@ -134,25 +164,39 @@ void Scenario::AddTracks()
         }
         return mp4_set_video_track(file, &info);
     });
-    Add("audio track", Answer::Refuses, [](mp4_handle file) {
-        const mp4_audio_track_info info{48000, kAudioTime, MP4_AUDIO_AAC_RAW, 48000, 2, 2};
+    const bool inStream = m_plan.inStream;
+    Brings(inStream ? 0 : 1);
+    Add("audio track", Answer::Refuses, [inStream](mp4_handle file) {
+        const mp4_audio_track_info info{48000,
+                                        kAudioTime,
+                                        inStream ? std::uint8_t{MP4_AUDIO_AAC_ADTS}
+                                                 : std::uint8_t{MP4_AUDIO_AAC_RAW},
+                                        static_cast<std::uint16_t>(inStream ? 0 : 48000),
+                                        static_cast<std::uint16_t>(inStream ? 0 : 2),
+                                        2};
         return mp4_set_audio_track(file, &info);
     });
-    Add("caption track", Answer::Refuses, [](mp4_handle file) {
-        const mp4_subtitle_track_info info{MP4_SUBTITLE_CEA608, 1000};
+    Brings(inStream ? 0 : 1);
+    Add("caption track", Answer::Refuses, [inStream](mp4_handle file) {
+        const mp4_subtitle_track_info info{inStream ? std::uint32_t{MP4_SUBTITLE_CEA708}
+                                                    : std::uint32_t{MP4_SUBTITLE_CEA608},
+                                           1000};
         return mp4_set_subtitle_track(file, &info);
     });
+    Brings(1);
     Add("time code track", Answer::Ignores, [](mp4_handle file) {
         const mp4_time_code_track_info info{25, 1, 25, 0};
         return mp4_set_time_code_track(file, &info);
     });
+    Brings(1);
     Add("title", Answer::Refuses,
         [](mp4_handle file) { return mp4_set_metadata(file, "title", "A recording"); });
+    Brings(1);
 }
 
 void Scenario::AddFrames()
 {
-    for (std::uint32_t n = 0; n < kPictures; ++n) {
+    for (std::uint32_t n = 0; n < m_plan.pictures; ++n) {
         if (n % 16 == 0)
             AddTimeCode(n);
         AddVideo(n);
@@ -161,10 +205,7 @@ void Scenario::AddFrames()
             AddCaption(n);
         if (n == 13)
             // Larger than the buffer of a stream: the log goes out with it.
-            Add("metadata", Answer::Refuses, [value = Filler(5000, 1)](mp4_handle file) {
-                return mp4_set_metadata_ex(file, "com.example.notes", value.data(), Size(value),
-                                           MP4_METADATA_BINARY, "mdta");
-            });
+            AddMetadata("metadata", 5000);
         if (n == 20)
             Add("duration", Answer::Ignores, [](mp4_handle file) {
                 mp4_get_duration_ms(file);  // 0 from a failed output
@@ -176,32 +217,56 @@ void Scenario::AddFrames()
 void Scenario::AddVideo(std::uint32_t n)
 {
     const Bytes body = Filler(PictureSize(n), n);
-    const Bytes unit = Hex("65 88 84") + body;
-    const Bytes frame = m_plan.proRes ? body : Hex("00000001") + unit;
+    const Bytes code = Hex("00000001");
+    Bytes frame = code + Hex(m_plan.hevc ? "26 01 AF" : "65 88 84") + body;
+    const bool sets = m_plan.inStream && n == 0;
+    if (sets && m_plan.hevc)
+        frame = code + HevcVps() + code + HevcSps() + code + HevcPps() + frame;
+    else if (sets)
+        frame = code + Sps() + code + Pps() + frame;
+    if (m_plan.proRes)
+        frame = body;
     Keep(kVideo, m_plan.proRes ? body : WithLengths(frame));
     Add("video frame", Answer::Refuses, [frame, n](mp4_handle file) {
         return mp4_write_video_frame(file, frame.data(), Size(frame),
                                      std::uint64_t{n} * kPictureTime);
     });
+    // A length and a unit each, or the bytes alone.
+    const unsigned units = sets ? m_plan.hevc ? 4 : 3 : 1;
+    Brings(sets ? 2 : 1, m_plan.proRes ? 1 : 2 * units);
 }
 
 void Scenario::AddAudio(std::uint32_t n)
 {
-    const Bytes frame = Filler(60 + n % 5, 100 + n);
-    Keep(kAudio, frame);
+    const Bytes sample = Filler(60 + n % 5, 100 + n);
+    Bytes frame = sample;
+    if (m_plan.inStream) {  // LC, 48000 Hz, stereo
+        const std::uint32_t size = Size(sample) + 7;
+        frame = Bytes{0xFF, 0xF1, 0x4C, static_cast<std::uint8_t>(0x80 | size >> 11),
+                      static_cast<std::uint8_t>(size >> 3),
+                      static_cast<std::uint8_t>(size << 5 | 0x1F), 0xFC} +
+                sample;
+    }
+    Keep(kAudio, sample);
     Add("audio frame", Answer::Refuses, [frame, n](mp4_handle file) {
-        return mp4_write_audio_frame(file, frame.data(), Size(frame), std::uint64_t{n} * kAudioTime);
+        return mp4_write_audio_frame(file, frame.data(), Size(frame),
+                                     std::uint64_t{n} * kAudioTime);
     });
+    Brings(m_plan.inStream && n == 0 ? 2 : 1, 1);
 }
 
 void Scenario::AddCaption(std::uint32_t n)
 {
     const std::uint8_t second = static_cast<std::uint8_t>(n);
-    const Bytes frame{0x61, 2, 1, 0, 0x94, second};
-    Keep(kCaptions, Hex("0000000A 'cdat' 94") + Bytes{second});
+    const bool packed = m_plan.inStream;  // CEA-708
+    const Bytes frame = packed ? Bytes{0x61, 1, 3, 0x94, second, 7}
+                               : Bytes{0x61, 2, 1, 0, 0x94, second};
+    Keep(kCaptions, packed ? Hex("0000000B 'ccdp' 94") + Bytes{second, 7}
+                           : Hex("0000000A 'cdat' 94") + Bytes{second});
     Add("caption frame", Answer::Refuses, [frame, n](mp4_handle file) {
         return mp4_write_subtitle_frame(file, frame.data(), Size(frame), n * 40);
     });
+    Brings(1, packed ? 2 : 1);
 }
 
 void Scenario::AddTimeCode(std::uint32_t n)
@@ -209,6 +274,7 @@ void Scenario::AddTimeCode(std::uint32_t n)
     Keep(kTimeCode, {0, 0, 0, static_cast<std::uint8_t>(n)});
     Add("time code", Answer::Ignores,
         [n](mp4_handle file) { return mp4_write_time_code(file, n); });
+    Brings(1, 1);
 }
 
 // ---- A run ---------------------------------------------------------------------------------
@@ -270,13 +336,13 @@ void Scenario::RunSteps(const std::filesystem::path& path, ExternalIoFuncs* tabl
         return result;
     };
     for (g_step = 0; g_step < m_steps.size(); ++g_step) {
-        g_checkpoints = 0;
+        g_checkpoint = 0;
         m_results[g_step] = call();
         const StepResult usual{StepResult::kStatus, m_steps[g_step].expected};
         // A file is closed once, whatever the close said.
         if (again && m_results[g_step] != usual && m_steps[g_step].answer != Answer::Close)
             m_results[g_step] = call();
-        m_checkpoints[g_step] = g_checkpoints;
+        m_checkpoints[g_step] = g_checkpoint;
         if (!file)
             return;
     }

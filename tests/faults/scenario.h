@@ -21,12 +21,22 @@ struct FaultPlan {
     const char* file;  // its name decides the kind
     std::uint8_t flags;
     bool proRes;  // else H.264
+    // HEVC, and parameter sets and audio format that come in the streams, with CEA-708 captions.
+    bool hevc = false;
+    bool inStream = false;
+    std::uint32_t pictures = 31;
+    std::uint32_t flushInterval = 10;  // pictures
+    // Bytes of a value that stands in the log ahead of the tracks; 0 for none.
+    std::uint32_t lead = 0;
 
     bool IsSafe() const { return (flags & MP4_OPEN_SAFE_MODE) != 0; }
     bool HasLog() const { return (flags & MP4_OPEN_INFO_FILE) != 0; }
 };
 
+// With all sets and formats ahead of the frames.
 const std::vector<FaultPlan>& FaultPlans();
+// Also those where they come in the streams.
+const std::vector<FaultPlan>& AllFaultPlans();
 
 // What a failed output makes of a call.
 enum class Answer {
@@ -41,6 +51,8 @@ struct FaultStep {
     Answer answer;
     std::uint32_t expected;  // of a run without a fault
     std::function<std::uint32_t(mp4_handle)> call;
+    unsigned packets = 0;  // in the log
+    unsigned writes = 0;   // a frame's own, to the output
 };
 
 // How a call ended.
@@ -73,9 +85,9 @@ public:
 
     // The step that runs now, for whoever counts calls.
     static std::size_t Now();
-    // The results of the last run, and the checkpoints that each step began.
+    // The results of the last run, and where the checkpoint stands that each step began; 0 for none.
     const std::vector<StepResult>& Results() const { return m_results; }
-    const std::vector<unsigned>& Checkpoints() const { return m_checkpoints; }
+    const std::vector<std::uint64_t>& Checkpoints() const { return m_checkpoints; }
     // The samples that a checkpoint made by a step holds.
     Counts SamplesBefore(std::size_t step) const;
 
@@ -84,6 +96,9 @@ private:
                   bool again);
     void Add(const char* name, Answer answer, std::function<std::uint32_t(mp4_handle)> call,
              std::uint32_t expected = 0);
+    // Of the step that was added last.
+    void Brings(unsigned packets, unsigned writes = 0);
+    void AddMetadata(const char* name, std::uint32_t size);
     void AddTracks();
     void AddFrames();
     void AddVideo(std::uint32_t n);
@@ -96,7 +111,7 @@ private:
     std::vector<FaultStep> m_steps;
     Take m_take;
     std::vector<StepResult> m_results;
-    std::vector<unsigned> m_checkpoints;
+    std::vector<std::uint64_t> m_checkpoints;
 };
 
 // Keeps the library quiet while it lives, without asking for memory.

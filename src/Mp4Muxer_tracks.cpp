@@ -57,7 +57,6 @@ std::uint32_t CMp4Muxer::AnnounceVideoTrack(const mp4_video_track_info& info, bo
     return m_infoWriter.IsOpen() ? WriteInfoVideoTrack(info) : std::uint32_t{MP4_OK};
 }
 
-
 std::uint32_t CMp4Muxer::SetAudioTrack(const mp4_audio_track_info* info)
 {
     if (const auto refused = Refusal())

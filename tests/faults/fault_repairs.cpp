@@ -456,6 +456,8 @@ private:
         }
         const bool whole = delivered >= m_size;
         m_behind += !whole;
+        if (whole && status == error.status && SystemCalls::ForgetsReads())
+            return Content(m_path).size() < m_media.size() ? "the file was cut" : "";
         if (status != (whole ? 0 : error.status))
             return Status(status, whole ? 0 : error.status);
         // All packets but the one with the last byte.

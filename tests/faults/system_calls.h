@@ -70,6 +70,8 @@ public:
     static std::span<const FaultError> ErrorsOf(SysCall call);
     // Whether the runtime goes on when half of a write was taken; elsewhere that has failed.
     static bool WritesTheRest();
+    // Whether a stream forgets what its reads delivered when the next one for the same call fails.
+    static bool ForgetsReads();
     // For Scenario::Run: lets calls by while the library is not at work.
     static void Around(bool inside);
 };

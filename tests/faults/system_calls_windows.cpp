@@ -227,6 +227,11 @@ std::span<const FaultError> SystemCalls::ErrorsOf(SysCall call)
     }
 }
 
+bool SystemCalls::ForgetsReads()
+{
+    return true;
+}
+
 bool SystemCalls::WritesTheRest()
 {
     return false;

@@ -1,6 +1,6 @@
 // What happens when the system gives no memory, or takes no bytes of a file that it opened. The
-// linker sends three calls of the library through this file (--wrap), where each can be made to
-// fail: realloc, the new of a record that may be null, and platform::WriteItem.
+// linker sends five calls of the library through this file (--wrap), where each can be made to fail:
+// realloc, new, the new of a record that may be null, platform::WriteItem and platform::Tell.
 #include "Mp4Muxer.h"
 #include "Mp4Repair.h"
 #include "boxes.h"
@@ -35,7 +35,9 @@ private:
 
 int g_realloc = 0;
 int g_newRecord = 0;
+int g_newChunks = 0;
 int g_writeItem = 0;
+int g_tell = 0;
 std::map<std::size_t, int>* g_reallocs = nullptr;  // how often for each size, where that is counted
 
 bool Strikes(int& counter, int error)
@@ -50,23 +52,37 @@ bool Strikes(int& counter, int error)
 
 // The names that the linker knows, which tell the types.
 #if defined(_WIN32)
+#define NEW(prefix) prefix##_Znwy
 #define NEW_RECORD(prefix) prefix##_ZnwyRKSt9nothrow_t
 #define WRITE_ITEM(prefix) prefix##_ZN8platform9WriteItemEP6_iobufPKvy
+#define TELL(prefix) prefix##_ZN8platform4TellEP6_iobuf
 #else
+#define NEW(prefix) prefix##_Znwm
 #define NEW_RECORD(prefix) prefix##_ZnwmRKSt9nothrow_t
 #define WRITE_ITEM(prefix) prefix##_ZN8platform9WriteItemEP8_IO_FILEPKvm
+#define TELL(prefix) prefix##_ZN8platform4TellEP8_IO_FILE
 #endif
 
 extern "C" {
 void* __real_realloc(void* data, std::size_t size);
+void* NEW(__real_)(std::size_t size);
 void* NEW_RECORD(__real_)(std::size_t size, const std::nothrow_t& tag) noexcept;
 std::size_t WRITE_ITEM(__real_)(std::FILE* stream, const void* data, std::size_t size);
+std::int64_t TELL(__real_)(std::FILE* stream);
 
 void* __wrap_realloc(void* data, std::size_t size)
 {
     if (g_reallocs)
         ++(*g_reallocs)[size];
     return Strikes(g_realloc, ENOMEM) ? nullptr : __real_realloc(data, size);
+}
+
+// Of the size in which a table takes room for the lengths of its chunks.
+void* NEW(__wrap_)(std::size_t size)
+{
+    if (size == 512 && Strikes(g_newChunks, ENOMEM))
+        throw std::bad_alloc();
+    return NEW(__real_)(size);
 }
 
 void* NEW_RECORD(__wrap_)(std::size_t size, const std::nothrow_t& tag) noexcept
@@ -77,6 +93,11 @@ void* NEW_RECORD(__wrap_)(std::size_t size, const std::nothrow_t& tag) noexcept
 std::size_t WRITE_ITEM(__wrap_)(std::FILE* stream, const void* data, std::size_t size)
 {
     return Strikes(g_writeItem, ENOSPC) ? 0 : WRITE_ITEM(__real_)(stream, data, size);
+}
+
+std::int64_t TELL(__wrap_)(std::FILE* stream)
+{
+    return Strikes(g_tell, EROFS) ? -1 : TELL(__real_)(stream);
 }
 }
 
@@ -246,6 +267,27 @@ TEST_F(Repair, TakesMemoryForTheBlobsOfOnePacketOnly)
     EXPECT_EQ(RequestsOf(m_folder / "clip.mp4", packets + packet + "\1"s)[12346], 1);
 }
 
+// A media file whose size cannot be had is no empty one.
+TEST_F(Repair, OfAFileThatHasNoSizeLeavesItAsItIs)
+{
+    const std::filesystem::path media = m_folder / "clip.mp4";
+    std::ofstream(media, std::ios::binary) << std::string(44, 'x');
+    std::ofstream(media.string() + ".info", std::ios::binary) << "\x10\0\0\0\x24\0"s;
+    {
+        const Fault fault(g_tell);
+        EXPECT_EQ(CMp4Repair().Repair(media.wstring().c_str(), 0), 17u);
+    }
+    EXPECT_EQ(std::filesystem::file_size(media), 44u);
+}
+
+TEST_F(Repair, OfAnEmptyFileSucceeds)
+{
+    const std::filesystem::path media = m_folder / "clip.mp4";
+    std::ofstream(media, std::ios::binary) << "";
+    std::ofstream(media.string() + ".info", std::ios::binary) << "\x10\0\0\0\x24\0"s;
+    EXPECT_EQ(CMp4Repair().Repair(media.wstring().c_str(), 0), 0u);
+}
+
 // The log ends in a packet: its first blobs are still held then, and are no leak.
 TEST_F(Repair, GivesBackTheBlobsOfACutPacket)
 {
@@ -332,6 +374,28 @@ TEST_F(FailingMemory, OfATableLeavesTheOtherTracksTheirIndex)
     EXPECT_EQ(U32At(file, file.find("stsz", track) + 12), 1u);
     EXPECT_EQ(U32At(file, file.find("stco", track) + 12), 44u);
     EXPECT_EQ(file.substr(44, 10), std::string("\0\0\0\x0A" "cdat\x94\x2C", 10));
+}
+
+// Where chunks change with every sample, their lengths find no room before the sizes do.
+TEST_F(FailingMemory, OfTheChunksEndsTheRecordingAsWell)
+{
+    ASSERT_EQ(m_muxer.Create(Path().c_str(), 0, 0, MP4_OPEN_INFO_FILE, MP4_IO_FILE, nullptr), 0u);
+    const mp4_time_code_track_info timeCode{25, 1, 25, 0};
+    ASSERT_EQ(m_muxer.SetTimeCodeTrack(&timeCode), 0u);
+    ASSERT_EQ(m_muxer.SetAudioTrack(&kAac), 0u);
+    std::uint32_t i = 0;
+    {
+        const Fault fault(g_newChunks);
+        const auto write = [&] {
+            for (; i < 200 && m_muxer.WriteTimeCode(i) == 0u; ++i)
+                ASSERT_EQ(WriteFrame(m_muxer, i), 0u);
+        };
+        EXPECT_THROW(write(), std::bad_alloc);
+    }
+    EXPECT_LT(i, 200u);
+    EXPECT_EQ(WriteFrame(m_muxer, i), 1u);
+    EXPECT_EQ(m_muxer.Close(), 1u);
+    EXPECT_TRUE(std::filesystem::exists(m_folder / "clip.mp4.info"));
 }
 
 // Time codes do not look at the output; its first failure stays what the others answer.

@@ -64,7 +64,7 @@ bool ParseHevcNal(HEVCDecoderConfigurationRecord* config, const std::uint8_t* na
         case kPps: ParsePps(config, reader); break;
         default: break;
         }
-    } catch (...) {
+    } catch (int) {  // not a want of memory, which is no fault of the set
         return false;
     }
     return true;

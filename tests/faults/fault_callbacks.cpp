@@ -259,7 +259,7 @@ bool ProveCallbacks(const FaultChoice& choice)
 {
     FaultReport report;
     std::size_t turn = 0;
-    for (const FaultPlan& plan : AllFaultPlans()) {
+    for (const FaultPlan& plan : FaultPlans()) {
         Callbacks proof(plan, turn++, report, choice);
         if (!proof.RunWhole())
             break;

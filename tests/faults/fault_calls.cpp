@@ -373,7 +373,7 @@ bool ProveSystemCalls(const FaultChoice& choice)
 {
     FaultReport report;
     std::size_t turn = 0;
-    for (const FaultPlan& plan : AllFaultPlans()) {
+    for (const FaultPlan& plan : FaultPlans()) {
         Calls proof(plan, turn++, report, choice);
         if (!proof.RunWhole())
             break;

@@ -286,7 +286,7 @@ bool CanFillDisks()
 bool ProveFullDisks(const FaultChoice&)
 {
     FaultReport report;
-    for (const FaultPlan& plan : AllFaultPlans()) {
+    for (const FaultPlan& plan : FaultPlans()) {
         Disks proof(plan, report);
         if (!proof.RunWhole())
             break;

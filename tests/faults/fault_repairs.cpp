@@ -495,7 +495,7 @@ bool ProveRepairs(const FaultChoice& choice)
 {
     FaultReport report;
     std::size_t turn = 0;
-    for (const FaultPlan& plan : AllFaultPlans()) {
+    for (const FaultPlan& plan : FaultPlans()) {
         if (!plan.HasLog())
             continue;
         Repairs proof(plan, turn++, report, choice);

@@ -575,7 +575,7 @@ private:
 bool ProveMemory(std::size_t stride)
 {
     FaultReport report;
-    for (const FaultPlan& plan : AllFaultPlans())
+    for (const FaultPlan& plan : FaultPlans())
         for (const bool callbacks : {false, true}) {
             Memory proof(plan, callbacks, report, stride);
             if (!proof.RunWhole())

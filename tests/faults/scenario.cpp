@@ -71,19 +71,9 @@ const std::vector<FaultPlan>& FaultPlans()
         {"safe, ProRes", "clip.mov", safe, true},
         {"safe and info, ProRes", "clip.mov", safe | info, true},
         {"fast header, large", "clip.mp4", fast | large, false},
+        {"safe and info, in-stream HEVC", "clip.mp4", safe | info, false, true, true},
+        {"in-stream H.264", "clip.mp4", 0, false, false, true},
     };
-    return plans;
-}
-
-const std::vector<FaultPlan>& AllFaultPlans()
-{
-    static const std::vector<FaultPlan> plans = [] {
-        constexpr std::uint8_t both = MP4_OPEN_SAFE_MODE | MP4_OPEN_INFO_FILE;
-        std::vector<FaultPlan> all = FaultPlans();
-        all.push_back({"safe and info, in-stream HEVC", "clip.mp4", both, false, true, true});
-        all.push_back({"in-stream H.264", "clip.mp4", 0, false, false, true});
-        return all;
-    }();
     return plans;
 }
 

@@ -33,10 +33,7 @@ struct FaultPlan {
     bool HasLog() const { return (flags & MP4_OPEN_INFO_FILE) != 0; }
 };
 
-// With all sets and formats ahead of the frames.
 const std::vector<FaultPlan>& FaultPlans();
-// Also those where they come in the streams.
-const std::vector<FaultPlan>& AllFaultPlans();
 
 // What a failed output makes of a call.
 enum class Answer {

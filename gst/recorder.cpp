@@ -54,6 +54,24 @@ void Recorder::Check(std::uint32_t status, const char* doing)
     throw FailureOf(status, doing + (" \"" + m_settings.location + "\" failed"));
 }
 
+template <typename Call>
+std::uint32_t Recorder::Try(const char* doing, Call call)
+{
+    std::optional<Failure> failure;
+    try {
+        return call();
+    } catch (const kv_mp4_exception& error) {
+        failure = FailureOfErrno(error.code, doing + (" \"" + m_settings.location + "\" failed"));
+    } catch (const std::bad_alloc&) {
+        failure = FailureOfErrno(ENOMEM, doing + (" \"" + m_settings.location + "\" failed"));
+    } catch (int) {
+        failure = Failure{GST_STREAM_ERROR, GST_STREAM_ERROR_FORMAT,
+                          "The parameter sets of the video are broken."};
+    }
+    m_failed = true;
+    throw *failure;
+}
+
 // When only the log fails, one call answers so, its frame is stored and the recording goes on. An
 // output that still takes frames drops an empty one with success, another one refuses it.
 bool Recorder::IsOfTheLog(std::uint32_t status)
@@ -143,7 +161,9 @@ void Recorder::SetTags(const GstTagList* tags)
     for (const auto& [key, value] : Metadata(tags)) {
         std::string& known = m_metadata[key];
         if (known != value)
-            Check(mp4_set_metadata(m_file, key.c_str(), value.c_str()), "Writing");
+            Check(Try("Writing", [&, k = key.c_str(), v = value.c_str()] {
+                return mp4_set_metadata(m_file, k, v);
+            }), "Writing");
         known = value;
     }
 }
@@ -178,7 +198,7 @@ void Recorder::Announce(Kind kind, Track& track)
         info.height = format.fixed.height;
         if (format.fixed.codec == MP4_VIDEO_PRORES)
             info.prores_format = format.fixed.variant;
-        status = mp4_set_video_track(m_file, &info);
+        status = Try("Setting up", [&] { return mp4_set_video_track(m_file, &info); });
     } else if (kind == Kind::kAudio) {
         mp4_audio_track_info info{};
         info.timescale = format.timescale;
@@ -187,10 +207,10 @@ void Recorder::Announce(Kind kind, Track& track)
         info.sample_rate = format.fixed.rate;
         info.channels = format.fixed.channels;
         info.object_type = format.fixed.objectType;
-        status = mp4_set_audio_track(m_file, &info);
+        status = Try("Setting up", [&] { return mp4_set_audio_track(m_file, &info); });
     } else {
         const mp4_subtitle_track_info info{format.fixed.codec, format.timescale};
-        status = mp4_set_subtitle_track(m_file, &info);
+        status = Try("Setting up", [&] { return mp4_set_subtitle_track(m_file, &info); });
     }
     Check(status, "Setting up");
     track.announced = true;
@@ -203,8 +223,8 @@ void Recorder::WriteTimeCode(GstBuffer* buffer)
     const std::optional<TimeCode> code = meta ? ReadTimeCode(meta->tc) : std::nullopt;
     if (!code)
         return;
-    Check(mp4_set_time_code_track(m_file, &code->track), "Writing");
-    Check(mp4_write_time_code(m_file, code->frame), "Writing");
+    Check(Try("Writing", [&] { return mp4_set_time_code_track(m_file, &code->track); }), "Writing");
+    Check(Try("Writing", [&] { return mp4_write_time_code(m_file, code->frame); }), "Writing");
 }
 
 Recorder::Result Recorder::WriteBytes(Kind kind, const std::uint8_t* data, std::size_t size,
@@ -213,17 +233,10 @@ Recorder::Result Recorder::WriteBytes(Kind kind, const std::uint8_t* data, std::
     const auto write = kind == Kind::kVideo   ? mp4_write_video_frame
                        : kind == Kind::kAudio ? mp4_write_audio_frame
                                               : mp4_write_subtitle_frame;
-    std::uint32_t status = 0;
-    try {
-        status = write(m_file, data, static_cast<std::uint32_t>(size),
-                       static_cast<std::uint64_t>(ticks));
-    } catch (const kv_mp4_exception& error) {
-        m_failed = true;
-        throw FailureOfErrno(error.code, "Writing \"" + m_settings.location + "\" failed");
-    } catch (const std::bad_alloc&) {
-        m_failed = true;
-        throw FailureOfErrno(ENOMEM, "Writing \"" + m_settings.location + "\" failed");
-    }
+    const std::uint32_t status = Try("Writing", [&] {
+        return write(m_file, data, static_cast<std::uint32_t>(size),
+                     static_cast<std::uint64_t>(ticks));
+    });
     if (status == MP4_ERR_PARSE_VIDEO || status == MP4_ERR_INVALID_ADTS)
         return Result::kBroken;
     Check(status, "Writing");

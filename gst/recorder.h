@@ -95,6 +95,9 @@ private:
     void StopAtTheLimit(std::size_t size);
     std::uint32_t CloseFile();
     void Check(std::uint32_t status, const char* doing);
+    // A call of the library, which may also end by what it throws.
+    template <typename Call>
+    std::uint32_t Try(const char* doing, Call call);
     bool IsOfTheLog(std::uint32_t status);
 
     Settings m_settings;

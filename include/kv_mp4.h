@@ -46,10 +46,11 @@
  *   function (see the frame functions). A caller in C must be built so that exceptions can pass,
  *   or treat this as fatal. All locks are released and the handle stays valid.
  *   When memory runs out, std::bad_alloc, or that exception with the code ENOMEM, leaves a create, a
- *   set-up or a frame function, which can then be called again. But a frame whose bytes lie in the
- *   file already makes the output count as failed: later calls and the close return MP4_ERR_FAILED,
- *   and the last checkpoint and the info file stay as they are. An int leaves a frame function whose
- *   checkpoint must describe a video that was announced with unusable parameter sets.
+ *   set-up or a frame function, which can then be called again. But a checkpoint that was begun, and
+ *   a frame whose bytes lie in the file already, make the output count as failed: later calls and
+ *   the close return MP4_ERR_FAILED, and the last checkpoint and the info file stay. Without either
+ *   the close writes the index as far as it goes. An int leaves a frame function whose checkpoint
+ *   must describe a video that was announced with unusable parameter sets.
  */
 #ifndef KV_MP4_H
 #define KV_MP4_H
@@ -312,8 +313,8 @@ KV_MP4_API uint32_t mp4_create_file_adv_ex(const char *path, uint8_t flags, uint
 /** Finishes the file and ends the handle, whatever the result.
  *
  * Writes the index behind the data, which takes time in proportion to the number of samples, and
- * deletes the info file. It keeps that for mp4_repair_file() when the close fails, when memory had run
- * out for a frame, and beside a local file also when a write failed before.
+ * deletes the info file. It keeps that for mp4_repair_file() when the close fails, when a want of
+ * memory had failed the output, and beside a local file also when a write failed before.
  *
  * @param handle an open file; afterwards no longer one
  * @return MP4_OK; else the status of the first failed write */

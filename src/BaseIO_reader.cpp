@@ -47,9 +47,9 @@ std::uint32_t CFastFileReader::Init(const wchar_t* path, std::uint32_t, std::uin
     if (!m_stream)
         return ErrorFromErrno(errno);
     // A size that cannot be had is none: a repair would empty the media file beside an empty log.
-    const bool atEnd = std::fseek(m_stream, 0, SEEK_END) == 0;
-    const std::int64_t size = atEnd ? std::ftell(m_stream) : -1;
-    if (size < 0 || std::fseek(m_stream, 0, SEEK_SET) != 0) {
+    const bool atEnd = platform::Seek(m_stream, 0, SEEK_END) == 0;
+    const std::int64_t size = atEnd ? platform::Tell(m_stream) : -1;
+    if (size < 0 || platform::Seek(m_stream, 0, SEEK_SET) != 0) {
         const std::int32_t error = errno;
         Close();
         return ErrorFromErrno(error);

@@ -170,12 +170,14 @@ std::uint32_t CMp4Muxer::Close()
     const CMAutoLock hold(m_lock);
 
     // 2. The log is complete before the first byte of moov.
-    const bool logged = m_infoWriter.IsOpen();
-    if (logged)
+    if (m_infoWriter.IsOpen()) {
         m_infoWriter.Close();
+        m_logIsWhole = true;
+    }
     // What lacked memory wrote nothing wrong. Where neither a log nor a checkpoint has the
     // recording, its index as far as that goes is all that can find it.
-    if (m_lackedMemory && !logged && !m_hasCheckpoint)
+    if (m_lackedMemory && m_pFile && m_pFile->m_state == kStateFailed && !m_logIsWhole &&
+        !m_hasCheckpoint)
         m_pFile->m_state = kStateOpen;
 
     // 3. mdat, moov, and the end of the log; a throw skips what follows it in here.

@@ -156,7 +156,22 @@ private:
     std::optional<std::uint32_t> Refusal() const;
 
     bool GetVideoCodecData(const CVideoFrameParser& parser);
-    std::uint32_t AnnounceVideoTrack(const mp4_video_track_info& info, bool fromStream);
+    std::uint32_t TakeVideoTrack(const mp4_video_track_info& info);
+    std::uint32_t AnnounceVideoTrack(const mp4_video_track_info& info);
+    // Runs a set-up of the video; without memory for it `undo`, as no picture may go to a track that
+    // cannot describe it.
+    template <typename SetUp, typename Undo>
+    void SettingUp(SetUp setUp, Undo undo)
+    {
+        try {
+            setUp();
+        } catch (const std::bad_array_new_length&) {
+            throw;  // Kept: a length that reads as negative; callers' frames go on without the set
+        } catch (const std::bad_alloc&) {
+            undo();
+            throw;
+        }
+    }
     std::uint32_t AnnounceAudioTrack();
     void WriteNalUnits(const CVideoFrameParser& parser, std::uint32_t& size, bool& key);
     bool WriteCC608(const std::uint8_t* data, std::uint32_t size, std::uint32_t& sampleSize);
@@ -184,6 +199,7 @@ private:
     bool m_lackedMemory = false;       // and failed for that
     bool m_safeMode = false;
     bool m_hasCheckpoint = false;  // a moov is in force
+    bool m_logIsWhole = false;     // it lived until the close
     std::uint64_t m_nextMoovPos = kNoMoovPosition;  // of the moov in force
     mp4_safe_param m_safeParam{1, 0xA00000, 0x6400000, 0x40000000};
     CFileWriter m_infoWriter;  // closed: the info file is off

@@ -9,51 +9,48 @@ std::uint32_t CMp4Muxer::SetVideoTrack(const mp4_video_track_info* info)
 {
     if (const auto refused = Refusal())
         return *refused;
+    std::uint32_t status = MP4_OK;
+    SettingUp([&] { status = TakeVideoTrack(*info); },
+              [this] {
+                  m_nalParser.reset();
+                  m_videoInfo = mp4_video_track_info{};
+              });
+    return status;
+}
+
+std::uint32_t CMp4Muxer::TakeVideoTrack(const mp4_video_track_info& info)
+{
     m_nalParser.reset();
-    switch (info->codec) {
+    switch (info.codec) {
     case MP4_VIDEO_H264: m_nalParser = std::make_unique<CH264Nal>(); break;
     case MP4_VIDEO_HEVC: m_nalParser = std::make_unique<CHevcNal>(); break;
     case MP4_VIDEO_PRORES: break;
     default:
         // Kept: m_videoInfo stays, so that ProRes frames are stored on and others answer 9.
-        LOG_ERROR("invalid codec type {}", info->codec);
+        LOG_ERROR("invalid codec type {}", info.codec);
         return MP4_ERR_INVALID_VIDEO_CODEC;
     }
     m_videoInfo = mp4_video_track_info{};
-    m_videoInfo.codec = info->codec;
-    m_videoInfo.sample_duration = info->sample_duration;
-    m_videoInfo.timescale = info->timescale;
-    m_videoInfo.width = info->width;
-    m_videoInfo.height = info->height;
+    m_videoInfo.codec = info.codec;
+    m_videoInfo.sample_duration = info.sample_duration;
+    m_videoInfo.timescale = info.timescale;
+    m_videoInfo.width = info.width;
+    m_videoInfo.height = info.height;
 
     // Kept: completeness goes by the sizes alone, never by the pointers.
-    const bool pair = info->sps_size != 0 && info->pps_size != 0;
-    m_videoReady = info->codec == MP4_VIDEO_PRORES ||
-                   (pair && (info->codec == MP4_VIDEO_H264 || info->vps_size != 0));
+    const bool pair = info.sps_size != 0 && info.pps_size != 0;
+    m_videoReady = info.codec == MP4_VIDEO_PRORES ||
+                   (pair && (info.codec == MP4_VIDEO_H264 || info.vps_size != 0));
     if (m_videoReady)
-        return AnnounceVideoTrack(*info, false);
+        return AnnounceVideoTrack(info);
     LOG_INFO("no codec data in video track info, try to find it in stream");
     return MP4_OK;
 }
 
 // Gives the track its id and its description, and logs it.
-std::uint32_t CMp4Muxer::AnnounceVideoTrack(const mp4_video_track_info& info, bool fromStream)
+std::uint32_t CMp4Muxer::AnnounceVideoTrack(const mp4_video_track_info& info)
 {
-    try {
-        m_moov->SetVideoTrack(info);
-    } catch (const std::bad_array_new_length&) {
-        throw;  // Kept: a length that reads as negative; callers' frames go on without the set
-    } catch (const std::bad_alloc&) {
-        // No picture may go to a track that cannot describe it: the next one looks for the sets
-        // again, or is refused as ahead of a set-up.
-        if (fromStream) {
-            m_videoReady = false;
-        } else {
-            m_nalParser.reset();
-            m_videoInfo = mp4_video_track_info{};
-        }
-        throw;
-    }
+    m_moov->SetVideoTrack(info);
     return m_infoWriter.IsOpen() ? WriteInfoVideoTrack(info) : std::uint32_t{MP4_OK};
 }
 

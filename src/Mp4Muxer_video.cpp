@@ -85,6 +85,7 @@ bool CMp4Muxer::GetVideoCodecData(const CVideoFrameParser& parser)
     // Copies, so that sets may arrive in frames whose buffers are gone by the time of the last one.
     const auto keep = [](const _VIDEO_SLICE& unit, std::vector<std::uint8_t>& copy,
                          const std::uint8_t*& data, std::int16_t& size) {
+        data = nullptr;  // should memory lack for the copy
         copy.assign(unit.data, unit.data + unit.size);
         data = copy.data();
         size = static_cast<std::int16_t>(unit.size);  // Kept: the low 16 bits
@@ -100,7 +101,8 @@ bool CMp4Muxer::GetVideoCodecData(const CVideoFrameParser& parser)
         if (m_videoInfo.sps && m_videoInfo.pps && (!hevc || m_videoInfo.vps)) {
             m_videoReady = true;
             LOG_INFO("found video codec data in stream, set video track info");
-            AnnounceVideoTrack(m_videoInfo, true);  // Kept: a failing log does not drop the frame
+            // Kept: a failing log does not drop the frame.
+            SettingUp([this] { AnnounceVideoTrack(m_videoInfo); }, [this] { m_videoReady = false; });
             return true;
         }
     }

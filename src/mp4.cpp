@@ -83,7 +83,7 @@ std::uint32_t Create(const wchar_t* path, std::uint8_t flags, std::uint32_t bloc
                      mp4_handle* handle_out)
 {
     auto file = std::make_unique<CMp4Muxer>();
-    // First, as it takes memory: what a create leaves is the business of the object alone.
+    // First, as it takes memory: behind a create that went well nothing may fail.
     const auto place = g_openHandles.insert(file.get()).first;
     std::uint32_t status = MP4_OK;
     try {

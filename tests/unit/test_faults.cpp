@@ -267,17 +267,18 @@ TEST_F(Repair, TakesMemoryForTheBlobsOfOnePacketOnly)
     EXPECT_EQ(RequestsOf(m_folder / "clip.mp4", packets + packet + "\1"s)[12346], 1);
 }
 
-// A media file whose size cannot be had is no empty one.
+// A log or a media file whose size cannot be had is no empty one.
 TEST_F(Repair, OfAFileThatHasNoSizeLeavesItAsItIs)
 {
     const std::filesystem::path media = m_folder / "clip.mp4";
     std::ofstream(media, std::ios::binary) << std::string(44, 'x');
     std::ofstream(media.string() + ".info", std::ios::binary) << "\x10\0\0\0\x24\0"s;
-    {
-        const Fault fault(g_tell);
-        EXPECT_EQ(CMp4Repair().Repair(media.wstring().c_str(), 0), 17u);
+    for (const int file : {1, 2}) {
+        const Fault fault(g_tell, file);
+        EXPECT_EQ(CMp4Repair().Repair(media.wstring().c_str(), 1), 17u);
+        EXPECT_EQ(std::filesystem::file_size(media), 44u);
+        EXPECT_TRUE(std::filesystem::exists(media.string() + ".info"));
     }
-    EXPECT_EQ(std::filesystem::file_size(media), 44u);
 }
 
 TEST_F(Repair, OfAnEmptyFileSucceeds)
@@ -320,21 +321,26 @@ std::uint32_t WriteFrame(CMp4Muxer& muxer, std::uint32_t i)
         {static_cast<std::uint32_t>(data.size()), data.data(), std::uint64_t{1024} * i});
 }
 
+// The 257th size finds its table full. Its bytes lie in the file where no entry names them.
+void RecordWithoutMemory(CMp4Muxer& muxer)
+{
+    for (std::uint32_t i = 0; i < 256; ++i)
+        ASSERT_EQ(WriteFrame(muxer, i), 0u);
+    {
+        const Fault fault(g_realloc);
+        EXPECT_EQ(CodeOf([&] { WriteFrame(muxer, 256); }), ENOMEM);
+    }
+    EXPECT_EQ(WriteFrame(muxer, 257), 1u);
+    EXPECT_EQ(muxer.Close(), 1u);
+}
+
 }  // namespace
 
-// The 257th size finds its table full. Its bytes lie in the file where no entry names them.
 TEST_F(FailingMemory, OfATableEndsTheRecordingAndKeepsTheLog)
 {
     ASSERT_EQ(m_muxer.Create(Path().c_str(), 0, 0, MP4_OPEN_INFO_FILE, MP4_IO_FILE, nullptr), 0u);
     ASSERT_EQ(m_muxer.SetAudioTrack(&kAac), 0u);
-    for (std::uint32_t i = 0; i < 256; ++i)
-        ASSERT_EQ(WriteFrame(m_muxer, i), 0u);
-    {
-        const Fault fault(g_realloc);
-        EXPECT_EQ(CodeOf([&] { WriteFrame(m_muxer, 256); }), ENOMEM);
-    }
-    EXPECT_EQ(WriteFrame(m_muxer, 257), 1u);
-    EXPECT_EQ(m_muxer.Close(), 1u);
+    RecordWithoutMemory(m_muxer);
 
     // The log names 256 samples, of which a repair gives all but the last.
     ASSERT_EQ(CMp4Repair().Repair(Path().c_str(), 0), 0u);
@@ -354,14 +360,7 @@ TEST_F(FailingMemory, OfATableLeavesTheOtherTracksTheirIndex)
     ASSERT_EQ(m_muxer.SetAudioTrack(&kAac), 0u);
     const std::uint8_t caption[] = {0x61, 2, 1, 0, 0x94, 0x2C};
     ASSERT_EQ(m_muxer.WriteSubtitleFrame({sizeof caption, caption, 0}), 0u);
-    for (std::uint32_t i = 0; i < 256; ++i)
-        ASSERT_EQ(WriteFrame(m_muxer, i), 0u);
-    {
-        const Fault fault(g_realloc);
-        EXPECT_EQ(CodeOf([&] { WriteFrame(m_muxer, 256); }), ENOMEM);
-    }
-    EXPECT_EQ(WriteFrame(m_muxer, 257), 1u);
-    EXPECT_EQ(m_muxer.Close(), 1u);
+    RecordWithoutMemory(m_muxer);
 
     // "ftyp" and "free" of 28 and 8 bytes, the caption of 10, 256 frames of 50 or 51 and one of 50.
     // The frame of FF begins as an ADTS header does, whose 7 bytes go.

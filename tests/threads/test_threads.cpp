@@ -313,15 +313,7 @@ private:
 
     static void AskAndSet(mp4_handle file, std::uint32_t n)
     {
-        double rate = 0;
-        mp4_safe_param params{};
-        mp4_get_duration_ms(file);
-        mp4_get_moov_size(file);
-        mp4_get_video_bitrate(file, &rate);
-        mp4_get_audio_bitrate(file, &rate);
-        mp4_get_safe_param(file, &params);
-        mp4_repair_set_flush_interval(file, 10);
-        EXPECT_THAT(mp4_set_metadata(file, "title", "Together"), AnyOf(0u, 2u));
+        Ask(file);
         if (n % 4 == 0) {
             EXPECT_THAT(SetUp(file), Each(AnyOf(0u, 2u)));
         }

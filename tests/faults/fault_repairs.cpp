@@ -308,7 +308,8 @@ private:
                 return "the log stayed";
             return m_delivered >= m_packets.size() && media == m_repaired ? "" : "not repaired";
         }
-        if (status != error.status)
+        const bool why = !seeks || SystemCalls::TellsWhy() || status != MP4_ERR_FAILED;
+        if (why && status != error.status)
             return Status(status, error.status);
         if (!log)
             return "the log is gone";

@@ -72,6 +72,8 @@ public:
     static bool WritesTheRest();
     // Whether a stream forgets what its reads delivered when the next one for the same call fails.
     static bool ForgetsReads();
+    // Whether a stream that cannot tell its position says why.
+    static bool TellsWhy();
     // For Scenario::Run: lets calls by while the library is not at work.
     static void Around(bool inside);
 };

@@ -22,6 +22,11 @@ std::span<const FaultError> SystemCalls::ErrorsOf(SysCall)
     return kFaultErrors;
 }
 
+bool SystemCalls::TellsWhy()
+{
+    return true;
+}
+
 bool SystemCalls::ForgetsReads()
 {
     return false;

@@ -227,6 +227,11 @@ std::span<const FaultError> SystemCalls::ErrorsOf(SysCall call)
     }
 }
 
+bool SystemCalls::TellsWhy()
+{
+    return false;
+}
+
 bool SystemCalls::ForgetsReads()
 {
     return true;

@@ -27,7 +27,7 @@ using Sets = std::array<model::ParameterSet, 3>;  // VPS, SPS, PPS
 class Written : public model::Target {
 public:
     explicit Written(model::Journal& journal) : Target(journal) { m_state = model::State::Open; }
-    std::uint64_t Tell() const override { return bytes.size(); }
+    std::uint64_t Tell() override { return bytes.size(); }
     void Seek(std::uint64_t) override {}
 
     fuzz::Bytes bytes;
